@@ -1,0 +1,612 @@
+#include "platform/Value.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cctype>
+#include <cstring>
+
+#include "platform/Exception.h"
+#include "platform/Object.h"
+
+namespace loomwork {
+
+namespace {
+
+inline size_t mix(uint64_t x) noexcept {
+  x ^= x >> 30;
+  x *= 0xbf58476d1ce4e5b9ULL;
+  x ^= x >> 27;
+  x *= 0x94d049bb133111ebULL;
+  x ^= x >> 31;
+  return static_cast<size_t>(x);
+}
+
+inline size_t hashBytes(const void* data, size_t length) noexcept {
+  return std::hash<std::string_view>()(std::string_view(static_cast<const char*>(data), length));
+}
+
+constexpr double kTwo63 = 9223372036854775808.0;
+
+// The integer a real stands for exactly, if it stands for one.
+std::optional<int64_t> exactInteger(double d) {
+  if (!(d >= -kTwo63 && d < kTwo63)) return std::nullopt;
+  if (std::floor(d) != d) return std::nullopt;
+  return static_cast<int64_t>(d);
+}
+
+int compareIntegerToReal(int64_t i, double d) {
+  if (std::isnan(d)) return -1;
+  if (d >= kTwo63) return -1;
+  if (d < -kTwo63) return 1;
+  double floored = std::floor(d);
+  auto f = static_cast<int64_t>(floored);
+  if (i < f) return -1;
+  if (i > f) return 1;
+  return d > floored ? -1 : 0;
+}
+
+int sign(int64_t a, int64_t b) { return a < b ? -1 : (a > b ? 1 : 0); }
+
+[[noreturn]] void wrongKind(const char* wanted) {
+  throw Exception(ExceptionKind::InvalidArgument, std::string("Value is not ") + wanted);
+}
+
+// Days since 1970-01-01 to a proleptic Gregorian (year, month, day).
+void civilFromDays(int64_t z, int64_t& y, unsigned& m, unsigned& d) {
+  z += 719468;
+  const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
+  const auto doe = static_cast<unsigned>(z - era * 146097);
+  const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+  y = static_cast<int64_t>(yoe) + era * 400;
+  const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+  const unsigned mp = (5 * doy + 2) / 153;
+  d = doy - (153 * mp + 2) / 5 + 1;
+  m = mp < 10 ? mp + 3 : mp - 9;
+  y += (m <= 2);
+}
+
+bool isBareStringCharacter(unsigned char c) {
+  return std::isalnum(c) || c == '_' || c == '.' || c == '$' || c == '/' || c == ':' || c == '-';
+}
+
+void appendQuoted(std::string& out, const std::string& s) {
+  out += '"';
+  for (unsigned char c : s) {
+    switch (c) {
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      default:
+        if (c < 0x20 || c == 0x7f) {
+          char buffer[8];
+          std::snprintf(buffer, sizeof buffer, "\\u%04x", c);
+          out += buffer;
+        } else {
+          out += static_cast<char>(c);
+        }
+    }
+  }
+  out += '"';
+}
+
+void appendReal(std::string& out, double d) {
+  if (std::isnan(d)) {
+    out += "nan";
+    return;
+  }
+  if (std::isinf(d)) {
+    out += d < 0 ? "-inf" : "inf";
+    return;
+  }
+  char buffer[64];
+  auto result = std::to_chars(buffer, buffer + sizeof buffer, d);
+  std::string_view text(buffer, static_cast<size_t>(result.ptr - buffer));
+  out += text;
+  if (text.find_first_of(".e") == std::string_view::npos) out += ".0";
+}
+
+void appendDate(std::string& out, double seconds) {
+  if (!std::isfinite(seconds) || std::fabs(seconds) > 1e15) {
+    out += "<date ";
+    appendReal(out, seconds);
+    out += '>';
+    return;
+  }
+  auto whole = static_cast<int64_t>(std::floor(seconds));
+  int64_t days = whole >= 0 ? whole / 86400 : -((-whole + 86399) / 86400);
+  int64_t secondOfDay = whole - days * 86400;
+  int64_t year;
+  unsigned month, day;
+  civilFromDays(days, year, month, day);
+  char buffer[64];
+  std::snprintf(buffer, sizeof buffer, "%04lld-%02u-%02u %02d:%02d:%02d +0000", static_cast<long long>(year), month,
+                day, static_cast<int>(secondOfDay / 3600), static_cast<int>(secondOfDay / 60 % 60),
+                static_cast<int>(secondOfDay % 60));
+  out += buffer;
+}
+
+}  // namespace
+
+size_t ValueHash::operator()(const Value& value) const noexcept { return value.hash(); }
+size_t ValueIdentityHash::operator()(const Value& value) const noexcept { return value.identityHash(); }
+bool ValueIdentityEqual::operator()(const Value& a, const Value& b) const noexcept { return a.isIdenticalTo(b); }
+
+Value::Value(const char* s) : storage_(std::make_shared<const std::string>(s ? s : "")) {}
+Value::Value(std::string_view s) : storage_(std::make_shared<const std::string>(s)) {}
+Value::Value(const std::string& s) : storage_(std::make_shared<const std::string>(s)) {}
+Value::Value(std::string&& s) : storage_(std::make_shared<const std::string>(std::move(s))) {}
+Value::Value(Array a) : storage_(std::make_shared<const Array>(std::move(a))) {}
+Value::Value(Dictionary d) : storage_(std::make_shared<const Dictionary>(std::move(d))) {}
+Value::Value(Set s) : storage_(std::make_shared<const Set>(std::move(s))) {}
+Value::Value(std::shared_ptr<Object> object) noexcept {
+  if (object) storage_ = std::move(object);
+}
+
+Value Value::data(Data bytes) {
+  Value v;
+  v.storage_ = std::make_shared<const Data>(std::move(bytes));
+  return v;
+}
+
+Value Value::dictionary(std::initializer_list<std::pair<Value, Value>> entries) {
+  Dictionary d;
+  for (const auto& [key, value] : entries) d.insert_or_assign(key, value);
+  return Value(std::move(d));
+}
+
+Value Value::set(std::initializer_list<Value> members) {
+  Set s;
+  for (const auto& m : members) s.insert(m);
+  return Value(std::move(s));
+}
+
+bool Value::isNumber() const noexcept {
+  Kind k = kind();
+  return k == Kind::Boolean || k == Kind::Integer || k == Kind::Real;
+}
+
+bool Value::boolValue() const {
+  switch (kind()) {
+    case Kind::Boolean:
+      return std::get<bool>(storage_);
+    case Kind::Integer:
+      return std::get<int64_t>(storage_) != 0;
+    case Kind::Real:
+      return std::get<double>(storage_) != 0;
+    default:
+      wrongKind("a number");
+  }
+}
+
+int64_t Value::integerValue() const {
+  switch (kind()) {
+    case Kind::Boolean:
+      return std::get<bool>(storage_) ? 1 : 0;
+    case Kind::Integer:
+      return std::get<int64_t>(storage_);
+    case Kind::Real: {
+      double d = std::get<double>(storage_);
+      if (std::isnan(d)) return 0;
+      if (d >= kTwo63) return INT64_MAX;
+      if (d < -kTwo63) return INT64_MIN;
+      return static_cast<int64_t>(d);
+    }
+    default:
+      wrongKind("a number");
+  }
+}
+
+double Value::doubleValue() const {
+  switch (kind()) {
+    case Kind::Boolean:
+      return std::get<bool>(storage_) ? 1.0 : 0.0;
+    case Kind::Integer:
+      return static_cast<double>(std::get<int64_t>(storage_));
+    case Kind::Real:
+      return std::get<double>(storage_);
+    default:
+      wrongKind("a number");
+  }
+}
+
+double Value::dateValue() const {
+  if (!isDate()) wrongKind("a date");
+  return std::get<Date>(storage_).secondsSince1970;
+}
+
+const std::string& Value::string() const {
+  if (!isString()) wrongKind("a string");
+  return *std::get<std::shared_ptr<const std::string>>(storage_);
+}
+const Data& Value::data() const {
+  if (!isData()) wrongKind("data");
+  return *std::get<std::shared_ptr<const Data>>(storage_);
+}
+const Array& Value::array() const {
+  if (!isArray()) wrongKind("an array");
+  return *std::get<std::shared_ptr<const Array>>(storage_);
+}
+const Dictionary& Value::dictionary() const {
+  if (!isDictionary()) wrongKind("a dictionary");
+  return *std::get<std::shared_ptr<const Dictionary>>(storage_);
+}
+const Set& Value::set() const {
+  if (!isSet()) wrongKind("a set");
+  return *std::get<std::shared_ptr<const Set>>(storage_);
+}
+const std::shared_ptr<Object>& Value::object() const {
+  if (!isObject()) wrongKind("an object");
+  return std::get<std::shared_ptr<Object>>(storage_);
+}
+
+const std::string* Value::tryString() const noexcept {
+  return isString() ? std::get<std::shared_ptr<const std::string>>(storage_).get() : nullptr;
+}
+const Data* Value::tryData() const noexcept {
+  return isData() ? std::get<std::shared_ptr<const Data>>(storage_).get() : nullptr;
+}
+const Array* Value::tryArray() const noexcept {
+  return isArray() ? std::get<std::shared_ptr<const Array>>(storage_).get() : nullptr;
+}
+const Dictionary* Value::tryDictionary() const noexcept {
+  return isDictionary() ? std::get<std::shared_ptr<const Dictionary>>(storage_).get() : nullptr;
+}
+const Set* Value::trySet() const noexcept {
+  return isSet() ? std::get<std::shared_ptr<const Set>>(storage_).get() : nullptr;
+}
+Object* Value::tryObject() const noexcept {
+  return isObject() ? std::get<std::shared_ptr<Object>>(storage_).get() : nullptr;
+}
+
+size_t Value::count() const noexcept {
+  if (auto a = tryArray()) return a->size();
+  if (auto d = tryDictionary()) return d->size();
+  if (auto s = trySet()) return s->size();
+  return 0;
+}
+
+std::optional<Value> Value::operator[](std::string_view key) const {
+  const Dictionary* d = tryDictionary();
+  if (d == nullptr) return std::nullopt;
+  auto it = d->find(Value(key));
+  if (it == d->end()) return std::nullopt;
+  return it->second;
+}
+
+std::optional<Value> Value::objectForKey(const Value& key) const {
+  const Dictionary* d = tryDictionary();
+  if (d == nullptr) return std::nullopt;
+  auto it = d->find(key);
+  if (it == d->end()) return std::nullopt;
+  return it->second;
+}
+
+const void* Value::heapPointer() const noexcept {
+  return std::visit(
+      [](const auto& alternative) -> const void* {
+        using T = std::decay_t<decltype(alternative)>;
+        if constexpr (std::is_same_v<T, std::shared_ptr<const std::string>> ||
+                      std::is_same_v<T, std::shared_ptr<const Data>> ||
+                      std::is_same_v<T, std::shared_ptr<const Array>> ||
+                      std::is_same_v<T, std::shared_ptr<const Dictionary>> ||
+                      std::is_same_v<T, std::shared_ptr<const Set>> || std::is_same_v<T, std::shared_ptr<Object>>) {
+          return alternative.get();
+        } else {
+          return nullptr;
+        }
+      },
+      storage_);
+}
+
+bool Value::isIdenticalTo(const Value& other) const noexcept {
+  if (kind() != other.kind()) return false;
+  switch (kind()) {
+    case Kind::Null:
+      return true;
+    case Kind::Boolean:
+      return std::get<bool>(storage_) == std::get<bool>(other.storage_);
+    case Kind::Integer:
+      return std::get<int64_t>(storage_) == std::get<int64_t>(other.storage_);
+    case Kind::Real: {
+      double a = std::get<double>(storage_), b = std::get<double>(other.storage_);
+      return std::memcmp(&a, &b, sizeof a) == 0;
+    }
+    case Kind::Date: {
+      double a = std::get<Date>(storage_).secondsSince1970, b = std::get<Date>(other.storage_).secondsSince1970;
+      return std::memcmp(&a, &b, sizeof a) == 0;
+    }
+    default:
+      return heapPointer() == other.heapPointer();
+  }
+}
+
+bool operator==(const Value& a, const Value& b) {
+  using Kind = Value::Kind;
+  if (a.isNumber() && b.isNumber()) {
+    Kind ka = a.kind(), kb = b.kind();
+    if (ka != Kind::Real && kb != Kind::Real) return a.integerValue() == b.integerValue();
+    if (ka == Kind::Real && kb == Kind::Real) return a.doubleValue() == b.doubleValue();
+    if (ka == Kind::Real) return compareIntegerToReal(b.integerValue(), a.doubleValue()) == 0 && !std::isnan(a.doubleValue());
+    return compareIntegerToReal(a.integerValue(), b.doubleValue()) == 0 && !std::isnan(b.doubleValue());
+  }
+  if (a.kind() != b.kind()) return false;
+  if (a.isIdenticalTo(b)) return true;
+  switch (a.kind()) {
+    case Kind::Null:
+      return true;
+    case Kind::Date:
+      return a.dateValue() == b.dateValue();
+    case Kind::String:
+      return a.string() == b.string();
+    case Kind::Data:
+      return a.data() == b.data();
+    case Kind::Array:
+      return a.array() == b.array();
+    case Kind::Dictionary: {
+      const Dictionary& x = a.dictionary();
+      const Dictionary& y = b.dictionary();
+      if (x.size() != y.size()) return false;
+      for (const auto& [key, value] : x) {
+        auto it = y.find(key);
+        if (it == y.end() || !(it->second == value)) return false;
+      }
+      return true;
+    }
+    case Kind::Set: {
+      const Set& x = a.set();
+      const Set& y = b.set();
+      if (x.size() != y.size()) return false;
+      for (const auto& member : x) {
+        if (y.find(member) == y.end()) return false;
+      }
+      return true;
+    }
+    case Kind::Object:
+      return a.object()->isEqual(*b.object());
+    default:
+      return false;
+  }
+}
+
+size_t Value::hash() const noexcept {
+  switch (kind()) {
+    case Kind::Null:
+      return 0x6e756c6cULL;
+    case Kind::Boolean:
+      return mix(std::get<bool>(storage_) ? 1 : 0);
+    case Kind::Integer:
+      return mix(static_cast<uint64_t>(std::get<int64_t>(storage_)));
+    case Kind::Real: {
+      double d = std::get<double>(storage_);
+      if (auto i = exactInteger(d)) return mix(static_cast<uint64_t>(*i));
+      uint64_t bits;
+      std::memcpy(&bits, &d, sizeof bits);
+      return mix(bits);
+    }
+    case Kind::Date: {
+      double d = std::get<Date>(storage_).secondsSince1970;
+      if (d == 0) d = 0;  // -0 and +0 are equal
+      uint64_t bits;
+      std::memcpy(&bits, &d, sizeof bits);
+      return mix(bits ^ 0xda7eULL);
+    }
+    case Kind::String: {
+      const std::string& s = *std::get<std::shared_ptr<const std::string>>(storage_);
+      return std::hash<std::string>()(s);
+    }
+    case Kind::Data: {
+      const Data& d = *std::get<std::shared_ptr<const Data>>(storage_);
+      return hashBytes(d.data(), d.size()) ^ 0xd474ULL;
+    }
+    case Kind::Array: {
+      size_t h = 0xa7700ULL;
+      for (const auto& element : *std::get<std::shared_ptr<const Array>>(storage_)) h = mix(h * 31 + element.hash());
+      return h;
+    }
+    case Kind::Dictionary: {
+      // Order-independent, so that equal dictionaries hash alike.
+      size_t h = 0;
+      for (const auto& [key, value] : *std::get<std::shared_ptr<const Dictionary>>(storage_)) {
+        h += mix(key.hash() * 31 + value.hash());
+      }
+      return mix(h ^ 0xd1c7ULL);
+    }
+    case Kind::Set: {
+      size_t h = 0;
+      for (const auto& member : *std::get<std::shared_ptr<const Set>>(storage_)) h += member.hash();
+      return mix(h ^ 0x5e7ULL);
+    }
+    case Kind::Object:
+      return std::get<std::shared_ptr<Object>>(storage_)->hash();
+  }
+  return 0;
+}
+
+size_t Value::identityHash() const noexcept {
+  switch (kind()) {
+    case Kind::Null:
+    case Kind::Boolean:
+    case Kind::Integer:
+    case Kind::Real:
+    case Kind::Date:
+      return hash();
+    default:
+      return mix(reinterpret_cast<uintptr_t>(heapPointer()));
+  }
+}
+
+int Value::compare(const Value& other) const {
+  if (isNumber() && other.isNumber()) {
+    bool realA = isReal(), realB = other.isReal();
+    if (!realA && !realB) return sign(integerValue(), other.integerValue());
+    if (realA && realB) {
+      double a = doubleValue(), b = other.doubleValue();
+      return a < b ? -1 : (a > b ? 1 : 0);
+    }
+    if (realB) return compareIntegerToReal(integerValue(), other.doubleValue());
+    return -compareIntegerToReal(other.integerValue(), doubleValue());
+  }
+  auto rank = [](Kind k) {
+    return (k == Kind::Boolean || k == Kind::Integer || k == Kind::Real) ? static_cast<int>(Kind::Integer)
+                                                                          : static_cast<int>(k);
+  };
+  if (rank(kind()) != rank(other.kind())) return rank(kind()) < rank(other.kind()) ? -1 : 1;
+  switch (kind()) {
+    case Kind::Date: {
+      double a = dateValue(), b = other.dateValue();
+      return a < b ? -1 : (a > b ? 1 : 0);
+    }
+    case Kind::String: {
+      int c = string().compare(other.string());
+      return c < 0 ? -1 : (c > 0 ? 1 : 0);
+    }
+    case Kind::Data: {
+      const Data &a = data(), &b = other.data();
+      if (a < b) return -1;
+      return b < a ? 1 : 0;
+    }
+    case Kind::Array: {
+      const Array &a = array(), &b = other.array();
+      for (size_t i = 0; i < a.size() && i < b.size(); ++i) {
+        int c = a[i].compare(b[i]);
+        if (c != 0) return c;
+      }
+      return sign(static_cast<int64_t>(a.size()), static_cast<int64_t>(b.size()));
+    }
+    case Kind::Dictionary:
+    case Kind::Set:
+      return sign(static_cast<int64_t>(count()), static_cast<int64_t>(other.count()));
+    case Kind::Object: {
+      if (object()->isEqual(*other.object())) return 0;
+      return std::less<const void*>()(heapPointer(), other.heapPointer()) ? -1 : 1;
+    }
+    default:
+      return 0;
+  }
+}
+
+std::string Value::description() const {
+  std::string out;
+  appendDescription(out, false);
+  return out;
+}
+
+void Value::appendDescription(std::string& out, bool nested) const {
+  switch (kind()) {
+    case Kind::Null:
+      out += "<null>";
+      return;
+    case Kind::Boolean:
+      out += std::get<bool>(storage_) ? "true" : "false";
+      return;
+    case Kind::Integer: {
+      char buffer[24];
+      auto result = std::to_chars(buffer, buffer + sizeof buffer, std::get<int64_t>(storage_));
+      out.append(buffer, result.ptr);
+      return;
+    }
+    case Kind::Real:
+      appendReal(out, std::get<double>(storage_));
+      return;
+    case Kind::Date:
+      appendDate(out, std::get<Date>(storage_).secondsSince1970);
+      return;
+    case Kind::String: {
+      const std::string& s = string();
+      if (!nested || (!s.empty() && std::all_of(s.begin(), s.end(), [](char c) {
+                        return isBareStringCharacter(static_cast<unsigned char>(c));
+                      }))) {
+        out += s;
+      } else {
+        appendQuoted(out, s);
+      }
+      return;
+    }
+    case Kind::Data: {
+      static const char* digits = "0123456789abcdef";
+      const Data& d = data();
+      out += '<';
+      for (size_t i = 0; i < d.size(); ++i) {
+        if (i > 0 && i % 4 == 0) out += ' ';
+        out += digits[d[i] >> 4];
+        out += digits[d[i] & 15];
+      }
+      out += '>';
+      return;
+    }
+    case Kind::Array: {
+      out += '(';
+      bool first = true;
+      for (const auto& element : array()) {
+        if (!first) out += ", ";
+        first = false;
+        element.appendDescription(out, true);
+      }
+      out += ')';
+      return;
+    }
+    case Kind::Dictionary: {
+      out += '{';
+      bool first = true;
+      for (const auto& [key, value] : dictionary()) {
+        if (!first) out += ' ';
+        first = false;
+        key.appendDescription(out, true);
+        out += " = ";
+        value.appendDescription(out, true);
+        out += ';';
+      }
+      out += '}';
+      return;
+    }
+    case Kind::Set: {
+      out += "{(";
+      bool first = true;
+      for (const auto& member : set()) {
+        if (!first) out += ", ";
+        first = false;
+        member.appendDescription(out, true);
+      }
+      out += ")}";
+      return;
+    }
+    case Kind::Object:
+      out += object()->description();
+      return;
+  }
+}
+
+std::optional<Value> valueForKey(const Value& value, std::string_view key) {
+  if (value.isDictionary()) return value[key];
+  if (Object* object = value.tryObject()) return object->valueForKey(key);
+  return std::nullopt;
+}
+
+std::optional<Value> valueForKeyPath(const Value& value, std::string_view keyPath) {
+  if (keyPath.empty()) return value;
+  std::optional<Value> current = value;
+  while (true) {
+    size_t dot = keyPath.find('.');
+    current = valueForKey(*current, keyPath.substr(0, dot));
+    if (!current || dot == std::string_view::npos) return current;
+    keyPath.remove_prefix(dot + 1);
+  }
+}
+
+std::string describe(const std::optional<Value>& value) { return value ? value->description() : "nil"; }
+
+}  // namespace loomwork

@@ -1,0 +1,200 @@
+// Value: the dynamic value that every subsystem stores and passes around.
+#pragma once
+
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include <tsl/ordered_map.h>
+#include <tsl/ordered_set.h>
+
+namespace loomwork {
+
+class Object;
+class Value;
+
+// Hash functor that agrees with Value equality (operator==).
+struct ValueHash {
+  size_t operator()(const Value& value) const noexcept;
+};
+
+// Hash and equality by identity: two values match only when they are the same
+// container, string or object (scalars: the same kind and bits).
+struct ValueIdentityHash {
+  size_t operator()(const Value& value) const noexcept;
+};
+struct ValueIdentityEqual {
+  bool operator()(const Value& a, const Value& b) const noexcept;
+};
+
+using Array = std::vector<Value>;
+// Dictionaries and sets keep insertion order, so enumeration and text forms are
+// reproducible.
+using Dictionary = tsl::ordered_map<Value, Value, ValueHash>;
+using Set = tsl::ordered_set<Value, ValueHash>;
+using Data = std::vector<uint8_t>;
+
+// A date: seconds since 1970-01-01 00:00:00 GMT.
+struct Date {
+  double secondsSince1970 = 0;
+  friend bool operator==(Date a, Date b) { return a.secondsSince1970 == b.secondsSince1970; }
+};
+
+// A dynamic value: null, boolean, integer (64-bit), real (double), date,
+// string (UTF-8), data (bytes), array, dictionary, set, or a reference to an
+// Object.
+//
+// Containers and strings are shared and never change once built: copying a
+// Value is cheap and never deep. Code that changes a list works on an Array
+// and makes a new Value from it. A default-constructed Value is the null value;
+// absence is expressed with std::optional<Value>, never with a null.
+//
+// Equality (operator==) is identity first, then value equality: numbers
+// (booleans, integers, reals) compare by numeric value, dictionaries and sets
+// regardless of order, objects through Object::isEqual. hash() agrees with it.
+//
+// Values are immutable and may be read from several threads at once.
+class Value {
+ public:
+  enum class Kind : uint8_t {
+    Null,
+    Boolean,
+    Integer,
+    Real,
+    Date,
+    String,
+    Data,
+    Array,
+    Dictionary,
+    Set,
+    Object,
+  };
+
+  Value() noexcept = default;
+  static Value null() noexcept { return Value(); }
+
+  Value(bool b) noexcept : storage_(b) {}
+  template <std::integral T>
+    requires(!std::same_as<T, bool>)
+  Value(T i) noexcept : storage_(static_cast<int64_t>(i)) {}
+  Value(double d) noexcept : storage_(d) {}
+  Value(float d) noexcept : storage_(static_cast<double>(d)) {}
+  Value(Date d) noexcept : storage_(d) {}
+  Value(const char* s);
+  Value(std::string_view s);
+  Value(const std::string& s);
+  Value(std::string&& s);
+  Value(Array a);
+  Value(Dictionary d);
+  Value(Set s);
+  Value(std::shared_ptr<Object> object) noexcept;
+  template <class T>
+    requires std::derived_from<T, Object>
+  Value(std::shared_ptr<T> object) noexcept : Value(std::shared_ptr<Object>(std::move(object))) {}
+
+  static Value date(double secondsSince1970) noexcept { return Value(Date{secondsSince1970}); }
+  static Value data(Data bytes);
+  static Value array(std::initializer_list<Value> elements) { return Value(Array(elements)); }
+  // Builds a dictionary from (key, value) pairs; a repeated key keeps the last value.
+  static Value dictionary(std::initializer_list<std::pair<Value, Value>> entries);
+  static Value set(std::initializer_list<Value> members);
+
+  Kind kind() const noexcept { return static_cast<Kind>(storage_.index()); }
+  bool isNull() const noexcept { return kind() == Kind::Null; }
+  bool isBoolean() const noexcept { return kind() == Kind::Boolean; }
+  bool isInteger() const noexcept { return kind() == Kind::Integer; }
+  bool isReal() const noexcept { return kind() == Kind::Real; }
+  // Booleans, integers and reals are numbers.
+  bool isNumber() const noexcept;
+  bool isDate() const noexcept { return kind() == Kind::Date; }
+  bool isString() const noexcept { return kind() == Kind::String; }
+  bool isData() const noexcept { return kind() == Kind::Data; }
+  bool isArray() const noexcept { return kind() == Kind::Array; }
+  bool isDictionary() const noexcept { return kind() == Kind::Dictionary; }
+  bool isSet() const noexcept { return kind() == Kind::Set; }
+  bool isObject() const noexcept { return kind() == Kind::Object; }
+
+  // Typed reading. Each throws Exception (invalid argument) when the value is of
+  // another kind; the try* forms return nullptr instead.
+  bool boolValue() const;        // any number: non-zero is true
+  int64_t integerValue() const;  // any number; reals are truncated
+  double doubleValue() const;    // any number
+  double dateValue() const;      // seconds since 1970
+  const std::string& string() const;
+  const Data& data() const;
+  const Array& array() const;
+  const Dictionary& dictionary() const;
+  const Set& set() const;
+  const std::shared_ptr<Object>& object() const;
+  template <class T>
+  std::shared_ptr<T> objectAs() const {
+    return isObject() ? std::dynamic_pointer_cast<T>(object()) : nullptr;
+  }
+
+  const std::string* tryString() const noexcept;
+  const Data* tryData() const noexcept;
+  const Array* tryArray() const noexcept;
+  const Dictionary* tryDictionary() const noexcept;
+  const Set* trySet() const noexcept;
+  Object* tryObject() const noexcept;
+
+  // Number of elements of an array, dictionary or set; 0 for anything else.
+  size_t count() const noexcept;
+  // The dictionary's value for a string key, or absent (also when not a dictionary).
+  std::optional<Value> operator[](std::string_view key) const;
+  std::optional<Value> objectForKey(const Value& key) const;
+
+  // The same object: the same container, string, data or object; for scalars the
+  // same kind and bits.
+  bool isIdenticalTo(const Value& other) const noexcept;
+  bool isEqual(const Value& other) const { return *this == other; }
+  friend bool operator==(const Value& a, const Value& b);
+  size_t hash() const noexcept;
+  size_t identityHash() const noexcept;
+
+  // Orders two values: numbers numerically, strings by code point, dates by
+  // time, arrays element by element; values of different kinds by kind, null
+  // first. Returns -1, 0 or 1.
+  int compare(const Value& other) const;
+
+  // The text form; its grammar is written down in docs/ARCHITECTURE.md. A string
+  // describes itself as its own text; inside containers it is quoted when needed.
+  std::string description() const;
+  // The text form used for elements inside containers.
+  void appendDescription(std::string& out, bool nested) const;
+
+ private:
+  using Storage = std::variant<std::monostate, bool, int64_t, double, Date,
+                               std::shared_ptr<const std::string>, std::shared_ptr<const Data>,
+                               std::shared_ptr<const Array>, std::shared_ptr<const Dictionary>,
+                               std::shared_ptr<const Set>, std::shared_ptr<Object>>;
+  const void* heapPointer() const noexcept;
+  Storage storage_;
+};
+
+// Key-value reading: a dictionary answers its entry for a string key; an object
+// answers through Object::valueForKey. Anything else, or a missing key, gives
+// absent.
+std::optional<Value> valueForKey(const Value& value, std::string_view key);
+// Resolves a dotted key path ("a.b.c") one component at a time through
+// dictionaries and objects. An empty path gives the value itself.
+std::optional<Value> valueForKeyPath(const Value& value, std::string_view keyPath);
+
+// Text form of an optional value: "nil" when absent.
+std::string describe(const std::optional<Value>& value);
+
+}  // namespace loomwork
+
+template <>
+struct std::hash<loomwork::Value> {
+  size_t operator()(const loomwork::Value& v) const noexcept { return v.hash(); }
+};
