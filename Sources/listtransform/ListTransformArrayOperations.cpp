@@ -1,0 +1,232 @@
+#include "listtransform/ListTransformArrayOperations.h"
+
+#include <bit>
+#include <unordered_map>
+
+#include "platform/Exception.h"
+
+namespace loomwork {
+
+namespace {
+
+[[noreturn]] void outOfRange(int64_t index, size_t count) {
+  throw Exception(ExceptionKind::OutOfRange,
+                  "index " + std::to_string(index) + " beyond bounds [0 .. " + std::to_string(count) + "]");
+}
+
+// For each distinct element of an array, its positions in ascending order,
+// handed out lowest first. Open addressing keyed by the array's own elements,
+// so building it copies no values.
+template <class Hash, class Equal>
+class PositionTable {
+ public:
+  explicit PositionTable(const Array& array) : array_(array), next_(array.size(), -1) {
+    size_t capacity = std::bit_ceil(std::max<size_t>(16, array.size() * 2));
+    slots_.assign(capacity, Slot{});
+    mask_ = capacity - 1;
+    for (size_t j = array.size(); j-- > 0;) {
+      size_t h = Hash()(array[j]);
+      Slot& slot = find(array[j], h);
+      if (slot.key < 0) {
+        slot.key = static_cast<int64_t>(j);
+        slot.hash = h;
+      } else {
+        next_[j] = slot.head;
+      }
+      slot.head = static_cast<int64_t>(j);
+    }
+  }
+
+  // The lowest position of an element matching `value` not yet taken, or -1.
+  int64_t take(const Value& value) {
+    Slot& slot = find(value, Hash()(value));
+    if (slot.key < 0 || slot.head < 0) return -1;
+    int64_t position = slot.head;
+    slot.head = next_[static_cast<size_t>(position)];
+    return position;
+  }
+
+ private:
+  struct Slot {
+    size_t hash = 0;
+    int64_t key = -1;   // a position of the element this slot stands for
+    int64_t head = -1;  // its lowest position not yet taken
+  };
+
+  Slot& find(const Value& value, size_t h) {
+    for (size_t i = h & mask_;; i = (i + 1) & mask_) {
+      Slot& slot = slots_[i];
+      if (slot.key < 0) return slot;
+      if (slot.hash == h && Equal()(array_[static_cast<size_t>(slot.key)], value)) return slot;
+    }
+  }
+
+  const Array& array_;
+  std::vector<int64_t> next_;
+  std::vector<Slot> slots_;
+  size_t mask_ = 0;
+};
+
+struct EqualValues {
+  bool operator()(const Value& a, const Value& b) const { return a == b; }
+};
+
+template <class Hash, class Equal>
+Ref<UGListTransform> transition(const Array& from, const Array& to) {
+  PositionTable<Hash, Equal> table(to);
+  const size_t n = from.size(), m = to.size();
+  std::vector<int64_t> target(n, -1);
+  for (size_t i = 0; i < n; ++i) target[i] = table.take(from[i]);
+
+  // Dropping needless moves: every old element has a deletion item and every
+  // new position an insertion item, so the walk from the last deletion down
+  // drops a move exactly when no move dropped before it had a lower target.
+  std::vector<int64_t> sourceOf(m, -1);
+  int64_t lowestDropped = NotFound;
+  std::vector<bool> dropped(n, false);
+  for (size_t i = n; i-- > 0;) {
+    if (target[i] < 0) continue;
+    sourceOf[static_cast<size_t>(target[i])] = static_cast<int64_t>(i);
+    if (target[i] < lowestDropped) {
+      lowestDropped = target[i];
+      dropped[i] = true;
+    }
+  }
+
+  auto result = UGMutableListTransform::transform();
+  UGListTransformItemArray& deletions = result->mutableDeletions();
+  UGListTransformItemArray& insertions = result->mutableInsertions();
+  std::vector<Ref<UGListTransformItem>> moveDeletion(n);
+  for (size_t i = 0; i < n; ++i) {
+    if (target[i] >= 0 && dropped[i]) continue;
+    auto item = UGListTransformItem::itemWithIndexObject(static_cast<int64_t>(i), from[i]);
+    if (target[i] >= 0) moveDeletion[i] = item;
+    deletions.push_back(std::move(item));
+  }
+  for (size_t j = 0; j < m; ++j) {
+    int64_t source = sourceOf[j];
+    if (source < 0) {
+      insertions.push_back(UGListTransformItem::itemWithIndexObject(static_cast<int64_t>(j), to[j]));
+    } else if (!dropped[static_cast<size_t>(source)]) {
+      auto item = UGListTransformItem::itemWithIndexObject(static_cast<int64_t>(j), from[static_cast<size_t>(source)]);
+      item->establishMoveLinkToItem(moveDeletion[static_cast<size_t>(source)].get());
+      insertions.push_back(std::move(item));
+    }
+  }
+  return result;
+}
+
+}  // namespace
+
+void applyTransform(Array& array, const UGListTransform& transform) {
+  applyTransformIgnoringObjectsInTransform(array, transform, false);
+}
+
+void applyTransformIgnoringObjectsInTransform(Array& array, const UGListTransform& transform, bool ignoringObjects) {
+  const auto& deletions = transform.deletions();
+  const auto& insertions = transform.insertions();
+  if (deletions.empty() && insertions.empty()) return;
+  std::vector<bool> deleted(array.size(), false);
+  size_t deletedCount = 0;
+  for (const auto& deletion : deletions) {
+    if (deletion->index() < 0 || static_cast<size_t>(deletion->index()) >= array.size()) {
+      outOfRange(deletion->index(), array.size());
+    }
+    auto position = static_cast<size_t>(deletion->index());
+    if (!deleted[position]) ++deletedCount;
+    deleted[position] = true;
+  }
+  // Each insertion, made in ascending order, may land at most at the end of
+  // the array as it stands then.
+  const size_t survivorCount = array.size() - deletedCount;
+  for (size_t k = 0; k < insertions.size(); ++k) {
+    const int64_t index = insertions[k]->index();
+    if (index < 0 || static_cast<size_t>(index) > survivorCount + k) outOfRange(index, survivorCount + k);
+  }
+  // Elements picked up by the deletion halves of moves, for their insertions.
+  std::unordered_map<const UGListTransformItem*, Value> carried;
+  if (ignoringObjects) {
+    for (const auto& deletion : deletions) {
+      if (const UGListTransformItem* partner = deletion->moveLinkItem()) {
+        carried.emplace(partner, array[static_cast<size_t>(deletion->index())]);
+      }
+    }
+  }
+  Array survivors;
+  survivors.reserve(survivorCount);
+  for (size_t i = 0; i < array.size(); ++i) {
+    if (!deleted[i]) survivors.push_back(std::move(array[i]));
+  }
+  Array result;
+  result.reserve(survivors.size() + insertions.size());
+  size_t si = 0;
+  for (const auto& insertion : insertions) {
+    const int64_t index = insertion->index();
+    while (static_cast<int64_t>(result.size()) < index && si < survivors.size()) {
+      result.push_back(std::move(survivors[si++]));
+    }
+    if (ignoringObjects) {
+      auto it = insertion->hasMoveLink() ? carried.find(insertion.get()) : carried.end();
+      result.push_back(it != carried.end() ? it->second : Value::null());
+    } else {
+      result.push_back(insertion->object().value_or(Value::null()));
+    }
+  }
+  for (; si < survivors.size(); ++si) result.push_back(std::move(survivors[si]));
+  array = std::move(result);
+}
+
+Array arrayByApplyingTransform(const Array& array, const UGListTransform& transform) {
+  Array copy = array;
+  applyTransform(copy, transform);
+  return copy;
+}
+
+Array arrayByApplyingTransformIgnoringObjectsInTransform(const Array& array, const UGListTransform& transform,
+                                                         bool ignoringObjects) {
+  Array copy = array;
+  applyTransformIgnoringObjectsInTransform(copy, transform, ignoringObjects);
+  return copy;
+}
+
+void applyTransform(IndexSet& indexes, const UGListTransform& transform) {
+  if (transform.isIdentity()) return;
+  std::vector<int64_t> mapped;
+  mapped.reserve(indexes.count());
+  for (int64_t index : indexes) {
+    int64_t to = transform.transformIndex(index);
+    if (to != NotFound) mapped.push_back(to);
+  }
+  indexes = IndexSet::fromIndexes(mapped);
+}
+
+IndexSet indexSetByApplyingTransform(const IndexSet& indexes, const UGListTransform& transform) {
+  IndexSet copy = indexes;
+  applyTransform(copy, transform);
+  return copy;
+}
+
+void sortUsingDescriptorsResultingTransform(Array& array, const std::vector<SortDescriptor>& descriptors,
+                                            Ref<UGMutableListTransform>* resultingTransform) {
+  Array unsorted = array;
+  sortUsingDescriptors(array, descriptors);
+  if (resultingTransform == nullptr) return;
+  auto transform = transformForTransitioningFromArrayToArrayObjectComparison(
+      unsorted, array, UGListTransformObjectComparisonIdentity);
+  auto mutableTransform = std::dynamic_pointer_cast<UGMutableListTransform>(transform);
+  *resultingTransform = mutableTransform ? mutableTransform : transform->mutableCopy();
+}
+
+Ref<UGListTransform> transformForTransitioningFromArrayToArrayObjectComparison(const Array& from, const Array& to,
+                                                                              int objectComparison) {
+  if (objectComparison == UGListTransformObjectComparisonIdentity) {
+    bool same = from.size() == to.size();
+    for (size_t i = 0; same && i < from.size(); ++i) same = from[i].isIdenticalTo(to[i]);
+    if (same) return UGListTransform::transform();
+    return transition<ValueIdentityHash, ValueIdentityEqual>(from, to);
+  }
+  if (from == to) return UGListTransform::transform();
+  return transition<ValueHash, EqualValues>(from, to);
+}
+
+}  // namespace loomwork
