@@ -16,53 +16,55 @@ namespace {
 
 // For each distinct element of an array, its positions in ascending order,
 // handed out lowest first. Open addressing keyed by the array's own elements,
-// so building it copies no values.
-template <class Hash, class Equal>
+// so building it copies no values. Positions are of type P; None marks "none".
+template <class Hash, class Equal, class P>
 class PositionTable {
  public:
-  explicit PositionTable(const Array& array) : array_(array), next_(array.size(), -1) {
+  static constexpr P None = static_cast<P>(-1);
+
+  explicit PositionTable(const Array& array) : array_(array), next_(array.size(), None) {
     size_t capacity = std::bit_ceil(std::max<size_t>(16, array.size() * 2));
     slots_.assign(capacity, Slot{});
     mask_ = capacity - 1;
     for (size_t j = array.size(); j-- > 0;) {
-      size_t h = Hash()(array[j]);
+      const auto h = static_cast<uint32_t>(Hash()(array[j]));
       Slot& slot = find(array[j], h);
-      if (slot.key < 0) {
-        slot.key = static_cast<int64_t>(j);
+      if (slot.key == None) {
+        slot.key = static_cast<P>(j);
         slot.hash = h;
       } else {
         next_[j] = slot.head;
       }
-      slot.head = static_cast<int64_t>(j);
+      slot.head = static_cast<P>(j);
     }
   }
 
-  // The lowest position of an element matching `value` not yet taken, or -1.
-  int64_t take(const Value& value) {
-    Slot& slot = find(value, Hash()(value));
-    if (slot.key < 0 || slot.head < 0) return -1;
-    int64_t position = slot.head;
-    slot.head = next_[static_cast<size_t>(position)];
+  // The lowest position of an element matching `value` not yet taken, or None.
+  P take(const Value& value) {
+    Slot& slot = find(value, static_cast<uint32_t>(Hash()(value)));
+    if (slot.key == None || slot.head == None) return None;
+    P position = slot.head;
+    slot.head = next_[position];
     return position;
   }
 
  private:
   struct Slot {
-    size_t hash = 0;
-    int64_t key = -1;   // a position of the element this slot stands for
-    int64_t head = -1;  // its lowest position not yet taken
+    uint32_t hash = 0;
+    P key = None;   // a position of the element this slot stands for
+    P head = None;  // its lowest position not yet taken
   };
 
-  Slot& find(const Value& value, size_t h) {
+  Slot& find(const Value& value, uint32_t h) {
     for (size_t i = h & mask_;; i = (i + 1) & mask_) {
       Slot& slot = slots_[i];
-      if (slot.key < 0) return slot;
-      if (slot.hash == h && Equal()(array_[static_cast<size_t>(slot.key)], value)) return slot;
+      if (slot.key == None) return slot;
+      if (slot.hash == h && Equal()(array_[slot.key], value)) return slot;
     }
   }
 
   const Array& array_;
-  std::vector<int64_t> next_;
+  std::vector<P> next_;
   std::vector<Slot> slots_;
   size_t mask_ = 0;
 };
@@ -71,49 +73,59 @@ struct EqualValues {
   bool operator()(const Value& a, const Value& b) const { return a == b; }
 };
 
-template <class Hash, class Equal>
+template <class Hash, class Equal, class P>
 Ref<UGListTransform> transition(const Array& from, const Array& to) {
-  PositionTable<Hash, Equal> table(to);
+  constexpr P None = PositionTable<Hash, Equal, P>::None;
+  constexpr P Dropped = None - 1;
   const size_t n = from.size(), m = to.size();
-  std::vector<int64_t> target(n, -1);
-  for (size_t i = 0; i < n; ++i) target[i] = table.take(from[i]);
+  // target[i]: the position in `to` that from[i] moves to, or None.
+  std::vector<P> target(n, None);
+  {
+    PositionTable<Hash, Equal, P> table(to);
+    for (size_t i = 0; i < n; ++i) target[i] = table.take(from[i]);
+  }
 
   // Dropping needless moves: every old element has a deletion item and every
   // new position an insertion item, so the walk from the last deletion down
   // drops a move exactly when no move dropped before it had a lower target.
-  std::vector<int64_t> sourceOf(m, -1);
-  int64_t lowestDropped = NotFound;
-  std::vector<bool> dropped(n, false);
+  // slot[j] says what becomes of position j of `to`: None, a plain insertion;
+  // Dropped, nothing; otherwise the position of its move's deletion item.
+  std::vector<P> slot(m, None);
+  size_t lowestDropped = m;
   for (size_t i = n; i-- > 0;) {
-    if (target[i] < 0) continue;
-    sourceOf[static_cast<size_t>(target[i])] = static_cast<int64_t>(i);
-    if (target[i] < lowestDropped) {
-      lowestDropped = target[i];
-      dropped[i] = true;
-    }
+    if (target[i] == None || target[i] >= lowestDropped) continue;
+    lowestDropped = target[i];
+    slot[target[i]] = Dropped;
+    target[i] = Dropped;
   }
 
   auto result = UGMutableListTransform::transform();
   UGListTransformItemArray& deletions = result->mutableDeletions();
   UGListTransformItemArray& insertions = result->mutableInsertions();
-  std::vector<Ref<UGListTransformItem>> moveDeletion(n);
   for (size_t i = 0; i < n; ++i) {
-    if (target[i] >= 0 && dropped[i]) continue;
-    auto item = UGListTransformItem::itemWithIndexObject(static_cast<int64_t>(i), from[i]);
-    if (target[i] >= 0) moveDeletion[i] = item;
-    deletions.push_back(std::move(item));
+    if (target[i] == Dropped) continue;
+    if (target[i] != None) slot[target[i]] = static_cast<P>(deletions.size());
+    deletions.push_back(UGListTransformItem::itemWithIndexObject(static_cast<int64_t>(i), from[i]));
   }
+  insertions.reserve(m - (n - deletions.size()));
   for (size_t j = 0; j < m; ++j) {
-    int64_t source = sourceOf[j];
-    if (source < 0) {
+    if (slot[j] == Dropped) continue;
+    if (slot[j] == None) {
       insertions.push_back(UGListTransformItem::itemWithIndexObject(static_cast<int64_t>(j), to[j]));
-    } else if (!dropped[static_cast<size_t>(source)]) {
-      auto item = UGListTransformItem::itemWithIndexObject(static_cast<int64_t>(j), from[static_cast<size_t>(source)]);
-      item->establishMoveLinkToItem(moveDeletion[static_cast<size_t>(source)].get());
-      insertions.push_back(std::move(item));
+      continue;
     }
+    UGListTransformItem* partner = deletions[slot[j]].get();
+    insertions.push_back(UGListTransformItem::itemWithIndexObject(static_cast<int64_t>(j), partner->object()));
+    insertions.back()->establishMoveLinkToItem(partner);
   }
   return result;
+}
+
+template <class Hash, class Equal>
+Ref<UGListTransform> transition(const Array& from, const Array& to) {
+  // 32-bit positions halve the tables for every array of realistic size.
+  if (std::max(from.size(), to.size()) < UINT32_MAX - 2) return transition<Hash, Equal, uint32_t>(from, to);
+  return transition<Hash, Equal, uint64_t>(from, to);
 }
 
 }  // namespace

@@ -19,21 +19,37 @@ struct Orders {
   std::vector<size_t> insertionsAndMoves;
 };
 
+// Sorts pairs that usually arrive as a few sorted runs (a list transform
+// feeds its deletions, then its moves, then its insertions, each in order):
+// the sorted tail is kept, the rest sorted if need be, and the two merged.
+void sortRuns(std::vector<std::pair<int64_t, size_t>>& entries) {
+  size_t tail = entries.size();
+  while (tail > 1 && !(entries[tail - 1] < entries[tail - 2])) --tail;
+  if (tail <= 1) return;
+  --tail;
+  if (!std::is_sorted(entries.begin(), entries.begin() + static_cast<std::ptrdiff_t>(tail))) {
+    std::sort(entries.begin(), entries.begin() + static_cast<std::ptrdiff_t>(tail));
+  }
+  std::inplace_merge(entries.begin(), entries.begin() + static_cast<std::ptrdiff_t>(tail), entries.end());
+}
+
 Orders makeOrders(const std::vector<TWArrayOperationLinearizer::Change>& changes) {
-  Orders orders;
+  // Sorting (key, position) pairs keeps equal keys in the order given and
+  // stays within contiguous memory.
+  std::vector<std::pair<int64_t, size_t>> removals, insertions;
   for (size_t i = 0; i < changes.size(); ++i) {
     const auto& c = changes[i];
-    if (TWArrayOperation::isRemove(c.fromIndex, c.toIndex) || TWArrayOperation::isMove(c.fromIndex, c.toIndex)) {
-      orders.removalsAndMoves.push_back(i);
-    }
-    if (TWArrayOperation::isInsert(c.fromIndex, c.toIndex) || TWArrayOperation::isMove(c.fromIndex, c.toIndex)) {
-      orders.insertionsAndMoves.push_back(i);
-    }
+    const bool move = TWArrayOperation::isMove(c.fromIndex, c.toIndex);
+    if (move || TWArrayOperation::isRemove(c.fromIndex, c.toIndex)) removals.emplace_back(-c.fromIndex, i);
+    if (move || TWArrayOperation::isInsert(c.fromIndex, c.toIndex)) insertions.emplace_back(c.toIndex, i);
   }
-  std::stable_sort(orders.removalsAndMoves.begin(), orders.removalsAndMoves.end(),
-                   [&](size_t a, size_t b) { return changes[a].fromIndex > changes[b].fromIndex; });
-  std::stable_sort(orders.insertionsAndMoves.begin(), orders.insertionsAndMoves.end(),
-                   [&](size_t a, size_t b) { return changes[a].toIndex < changes[b].toIndex; });
+  sortRuns(removals);
+  sortRuns(insertions);
+  Orders orders;
+  orders.removalsAndMoves.reserve(removals.size());
+  orders.insertionsAndMoves.reserve(insertions.size());
+  for (const auto& entry : removals) orders.removalsAndMoves.push_back(entry.second);
+  for (const auto& entry : insertions) orders.insertionsAndMoves.push_back(entry.second);
   return orders;
 }
 
@@ -53,6 +69,54 @@ class Fenwick {
 
  private:
   std::vector<int64_t> tree_;
+};
+
+// The pending sources of a linearization, lowest first: each has a given
+// index (key) and a raise, kept as counts in a Fenwick tree so that a source's
+// current index is its key plus a prefix sum of the counts. The key of a node
+// sits beside its tree entry, so that a search down the tree touches one
+// cache line per level.
+class RaisedSources {
+ public:
+  explicit RaisedSources(const std::vector<int64_t>& keys) : nodes_(keys.size() + 1) {
+    for (size_t k = 0; k < keys.size(); ++k) nodes_[k + 1].key = keys[k];
+    top_ = 1;
+    while (top_ * 2 < nodes_.size()) top_ *= 2;
+  }
+  int64_t current(size_t position) const {
+    int64_t sum = 0;
+    for (size_t i = position + 1; i > 0; i -= i & (~i + 1)) sum += nodes_[i].count;
+    return nodes_[position + 1].key + sum;
+  }
+  // Raises the sources from `position` up by one.
+  void raiseFrom(size_t position) {
+    for (size_t i = position + 1; i < nodes_.size(); i += i & (~i + 1)) ++nodes_[i].count;
+  }
+  // How many of the lowest sources k satisfy current(k) - k <= limit; the
+  // difference never decreases with k, so they are a prefix.
+  size_t countAtMost(int64_t limit) const {
+    size_t position = 0;
+    int64_t sum = 0;
+    for (size_t step = top_; step > 0; step /= 2) {
+      size_t next = position + step;
+      if (next < nodes_.size()) {
+        const Node& node = nodes_[next];
+        if (node.key + sum + node.count - static_cast<int64_t>(next - 1) <= limit) {
+          position = next;
+          sum += node.count;
+        }
+      }
+    }
+    return position;
+  }
+
+ private:
+  struct Node {
+    int64_t count = 0;
+    int64_t key = 0;
+  };
+  std::vector<Node> nodes_;
+  size_t top_;
 };
 
 }  // namespace
@@ -95,16 +159,16 @@ std::vector<TWArrayOperationLinearizer::Step> TWArrayOperationLinearizer::linear
   const size_t n = R.size();
 
   // Pending sources in ascending order: ascending position a holds R[n - 1 - a].
-  // Every move raises the sources above its target by one; those raises are
-  // kept in a Fenwick tree of differences, so a source's current index is its
-  // given index plus a prefix sum.
+  // A move raises every pending source above its target by one. The pending
+  // sources are always the positions below the one being processed, so a
+  // raise of [k, a) may as well be a raise of [k, n): it is kept as one count
+  // at k, and a source's current index is its given index plus a prefix sum.
   std::vector<int64_t> base(n);
   for (size_t a = 0; a < n; ++a) base[a] = changes[R[n - 1 - a]].fromIndex;
   for (size_t a = 1; a < n; ++a) {
     if (base[a] == base[a - 1]) return linearizeLiterally(changes);
   }
-  Fenwick raised(n + 1);
-  auto current = [&](size_t a) { return base[a] + raised.prefix(a + 1); };
+  RaisedSources sources(base);
 
   // Position of each move in I, and which entries of I are still pending.
   std::vector<size_t> positionInI(changes.size(), 0);
@@ -118,7 +182,7 @@ std::vector<TWArrayOperationLinearizer::Step> TWArrayOperationLinearizer::linear
   for (size_t r = 0; r < n; ++r) {
     const Change& op = changes[R[r]];
     const size_t a = n - 1 - r;  // the op itself; pending sources are [0, a)
-    const int64_t from = current(a);
+    const int64_t from = sources.current(a);
     if (op.toIndex == -1) {
       steps.push_back({from, -1});
       continue;
@@ -129,22 +193,10 @@ std::vector<TWArrayOperationLinearizer::Step> TWArrayOperationLinearizer::linear
     removedFromI[p] = true;
     const int64_t t0 = op.toIndex - q;
     // The walk from the lowest pending source passes source k exactly when
-    // current(k) <= t0 + k; current(k) - k never decreases, so the first
-    // source it stops at is found by binary search.
-    size_t lo = 0, hi = a;
-    while (lo < hi) {
-      size_t mid = lo + (hi - lo) / 2;
-      if (current(mid) - static_cast<int64_t>(mid) > t0) {
-        hi = mid;
-      } else {
-        lo = mid + 1;
-      }
-    }
-    const size_t k = lo;
-    if (k < a) {
-      raised.add(k, 1);
-      raised.add(a, -1);
-    }
+    // current(k) <= t0 + k. current(k) - k never decreases along all
+    // positions, pending or not, so the sources passed are a prefix.
+    const size_t k = std::min(a, sources.countAtMost(t0));
+    if (k < a) sources.raiseFrom(k);
     steps.push_back({from, t0 + static_cast<int64_t>(k)});
   }
   for (size_t p = 0; p < I.size(); ++p) {

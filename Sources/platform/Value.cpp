@@ -14,14 +14,7 @@ namespace loomwork {
 
 namespace {
 
-inline size_t mix(uint64_t x) noexcept {
-  x ^= x >> 30;
-  x *= 0xbf58476d1ce4e5b9ULL;
-  x ^= x >> 27;
-  x *= 0x94d049bb133111ebULL;
-  x ^= x >> 31;
-  return static_cast<size_t>(x);
-}
+inline size_t mix(uint64_t x) noexcept { return Value::hashInteger(static_cast<int64_t>(x)); }
 
 inline size_t hashBytes(const void* data, size_t length) noexcept {
   return std::hash<std::string_view>()(std::string_view(static_cast<const char*>(data), length));
@@ -334,8 +327,7 @@ bool Value::isIdenticalTo(const Value& other) const noexcept {
   }
 }
 
-bool operator==(const Value& a, const Value& b) {
-  using Kind = Value::Kind;
+bool Value::equalValues(const Value& a, const Value& b) {
   if (a.isNumber() && b.isNumber()) {
     Kind ka = a.kind(), kb = b.kind();
     if (ka != Kind::Real && kb != Kind::Real) return a.integerValue() == b.integerValue();
@@ -382,7 +374,7 @@ bool operator==(const Value& a, const Value& b) {
   }
 }
 
-size_t Value::hash() const noexcept {
+size_t Value::hashSlow() const noexcept {
   switch (kind()) {
     case Kind::Null:
       return 0x6e756c6cULL;

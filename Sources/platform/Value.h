@@ -157,8 +157,31 @@ class Value {
   // same kind and bits.
   bool isIdenticalTo(const Value& other) const noexcept;
   bool isEqual(const Value& other) const { return *this == other; }
-  friend bool operator==(const Value& a, const Value& b);
-  size_t hash() const noexcept;
+  friend bool operator==(const Value& a, const Value& b) {
+    // Integers and strings, by far the most common keys, skip the general path.
+    if (a.storage_.index() == b.storage_.index()) {
+      if (a.kind() == Kind::Integer) return std::get<int64_t>(a.storage_) == std::get<int64_t>(b.storage_);
+      if (a.kind() == Kind::String) {
+        const auto& x = std::get<std::shared_ptr<const std::string>>(a.storage_);
+        const auto& y = std::get<std::shared_ptr<const std::string>>(b.storage_);
+        return x == y || *x == *y;
+      }
+    }
+    return equalValues(a, b);
+  }
+  size_t hash() const noexcept {
+    if (kind() == Kind::Integer) return hashInteger(std::get<int64_t>(storage_));
+    return hashSlow();
+  }
+  static size_t hashInteger(int64_t i) noexcept {
+    auto x = static_cast<uint64_t>(i);
+    x ^= x >> 30;
+    x *= 0xbf58476d1ce4e5b9ULL;
+    x ^= x >> 27;
+    x *= 0x94d049bb133111ebULL;
+    x ^= x >> 31;
+    return static_cast<size_t>(x);
+  }
   size_t identityHash() const noexcept;
 
   // Orders two values: numbers numerically, strings by code point, dates by
@@ -178,6 +201,8 @@ class Value {
                                std::shared_ptr<const Array>, std::shared_ptr<const Dictionary>,
                                std::shared_ptr<const Set>, std::shared_ptr<Object>>;
   const void* heapPointer() const noexcept;
+  static bool equalValues(const Value& a, const Value& b);
+  size_t hashSlow() const noexcept;
   Storage storage_;
 };
 
