@@ -1,5 +1,6 @@
 // Everything Loomwork offers, in one include.
 #pragma once
 
+#include "loomwork/additions.h"
 #include "loomwork/listtransform.h"
 #include "loomwork/platform.h"

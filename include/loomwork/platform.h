@@ -8,3 +8,6 @@
 #include "platform/SortDescriptor.h"
 #include "platform/Types.h"
 #include "platform/Value.h"
+#include "platform/LocalizedStrings.h"
+#include "platform/TextServices.h"
+#include "platform/UUID.h"

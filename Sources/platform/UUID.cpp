@@ -1,0 +1,15 @@
+#include "platform/UUID.h"
+
+#include <uuid/uuid.h>
+
+namespace loomwork {
+
+std::string newUUIDString() {
+  uuid_t uuid;
+  uuid_generate_random(uuid);
+  char text[37];
+  uuid_unparse_upper(uuid, text);
+  return std::string(text, 36);
+}
+
+}  // namespace loomwork

@@ -1,0 +1,101 @@
+#include <gtest/gtest.h>
+
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "loomwork/additions.h"
+#include "loomwork/platform.h"
+
+namespace loomwork {
+namespace {
+
+TEST(StringAdditions, CStyleEscapes) {
+  EXPECT_EQ("\\\\n", stringByAddingCStyleEscapes("\\n"));
+  EXPECT_EQ("\\a\\b\\f\\n\\r\\t\\v\\'\\\"\\?", stringByAddingCStyleEscapes("\a\b\f\n\r\t\v'\"?"));
+  EXPECT_EQ("plain \xC3\xA9 text", stringByAddingCStyleEscapes("plain \xC3\xA9 text"));
+  EXPECT_EQ(std::string("\0\x01", 2), stringByAddingCStyleEscapes(std::string_view("\0\x01", 2)));
+  EXPECT_EQ("", stringByAddingCStyleEscapes(""));
+}
+
+TEST(StringAdditions, RepetitionSpacesAndKeyPaths) {
+  EXPECT_EQ("ababab", stringByRepeatingNumberOfTimes("ab", 3));
+  EXPECT_EQ("", stringByRepeatingNumberOfTimes("ab", 0));
+  EXPECT_EQ("", stringByRepeatingNumberOfTimes("ab", -2));
+  EXPECT_EQ("xx", stringByRepeatingStringCount("x", 2));
+
+  EXPECT_EQ(" ", stringWithSpaces(0));
+  EXPECT_EQ(" ", stringWithSpaces(1));
+  EXPECT_EQ("   ", stringWithSpaces(3));
+  EXPECT_EQ("    ", stringWithSpaces(-4));
+  EXPECT_EQ("", randomWord());
+
+  EXPECT_EQ("a.b", keyPathWithComponents({"a", "b"}));
+  EXPECT_EQ("a", keyPathWithComponents({"a"}));
+  EXPECT_EQ(std::nullopt, keyPathWithComponents({}));
+  EXPECT_EQ(std::nullopt, keyPathWithComponents({std::nullopt, "a"}));
+  EXPECT_EQ("a", keyPathWithComponents({"a", std::nullopt, "b"}));
+  EXPECT_EQ("a..b", keyPathWithComponents({"a", "", "b"}));
+  EXPECT_EQ("", keyPathWithComponents({""}));
+  EXPECT_EQ("x.y.z", keyPathWithComponents(std::vector<std::string>{"x", "y", "z"}));
+  EXPECT_EQ(std::nullopt, keyPathWithComponents(std::vector<std::string>{}));
+}
+
+TEST(StringAdditions, UUIDStrings) {
+  std::set<std::string> seen;
+  for (int i = 0; i < 200; ++i) {
+    const std::string uuid = uuidString();
+    ASSERT_EQ(36u, uuid.size());
+    for (size_t k = 0; k < uuid.size(); ++k) {
+      if (k == 8 || k == 13 || k == 18 || k == 23) {
+        ASSERT_EQ('-', uuid[k]) << uuid;
+      } else {
+        ASSERT_TRUE((uuid[k] >= '0' && uuid[k] <= '9') || (uuid[k] >= 'A' && uuid[k] <= 'F')) << uuid;
+      }
+    }
+    EXPECT_EQ('4', uuid[14]) << uuid;  // random version
+    seen.insert(uuid);
+  }
+  EXPECT_EQ(200u, seen.size());
+}
+
+TEST(StringAdditions, OrdinalsFromDefaultsOncePerProcess) {
+  // First use from several threads at once builds each list exactly once.
+  std::vector<std::thread> threads;
+  std::vector<std::string> results(8);
+  for (size_t i = 0; i < results.size(); ++i) {
+    threads.emplace_back(
+        [&, i] { results[i] = i % 2 ? dativeOrdinalStringForNumber(22) : nominativeOrdinalStringForNumber(22); });
+  }
+  for (auto& thread : threads) thread.join();
+  for (const auto& result : results) EXPECT_EQ("22nd", result);
+
+  EXPECT_EQ("1st", nominativeOrdinalStringForNumber(1));
+  EXPECT_EQ("3rd", ordinalStringForNumber(3));
+  EXPECT_EQ("40th", nominativeOrdinalStringForNumber(40));
+  EXPECT_EQ("41", nominativeOrdinalStringForNumber(41));
+  EXPECT_EQ("0", nominativeOrdinalStringForNumber(0));
+  EXPECT_EQ("18446744073709551615", dativeOrdinalStringForNumber(UINT64_MAX));
+  EXPECT_EQ("11th", dativeOrdinalStringForNumber(11));
+
+  // A provider installed later does not change the lists already made.
+  setLocalizedStringProvider([](std::string_view, std::string_view) { return std::optional<std::string>("x"); });
+  EXPECT_EQ("2nd", nominativeOrdinalStringForNumber(2));
+  setLocalizedStringProvider(nullptr);
+}
+
+TEST(LocalizedStrings, ProviderAndDefaults) {
+  EXPECT_EQ("fallback", localizedString("Key", "fallback"));
+  setLocalizedStringProvider([](std::string_view key, std::string_view table) -> std::optional<std::string> {
+    if (key == "Known") return std::string(table) + ":known";
+    return std::nullopt;
+  });
+  EXPECT_EQ("Localizable:known", localizedString("Known", "fallback"));
+  EXPECT_EQ("Other:known", localizedString("Known", "fallback", "Other"));
+  EXPECT_EQ("fallback", localizedString("Unknown", "fallback"));
+  setLocalizedStringProvider(nullptr);
+  EXPECT_EQ("fallback", localizedString("Known", "fallback"));
+}
+
+}  // namespace
+}  // namespace loomwork
