@@ -244,12 +244,23 @@ TEST(ListTransform, ItemLinksNeverDangle) {
   EXPECT_FALSE(a->copy()->hasMoveLink());
 
   std::weak_ptr<UGListTransformItem> item;
+  Ref<UGListTransformItem> heldDeletion, heldInsertion, heldAlone;
   {
     auto t = UGMutableListTransform::transform();
     t->recordMovedObjectFromIndexToIndex(Value(1), 0, 1);
+    t->recordMovedObjectFromIndexToIndex(Value(2), 2, 3);
+    t->recordMovedObjectFromIndexToIndex(Value(3), 4, 5);
     item = t->deletions()[0];
+    heldDeletion = t->deletions()[1];
+    heldInsertion = t->insertions()[1];
+    heldAlone = t->insertions()[2];
   }
   EXPECT_TRUE(item.expired());
+  // Releasing the transform cuts the links of the items that outlive it.
+  EXPECT_FALSE(heldDeletion->hasMoveLink());
+  EXPECT_FALSE(heldInsertion->hasMoveLink());
+  EXPECT_FALSE(heldAlone->hasMoveLink());
+  EXPECT_EQ(heldAlone->moveLink(), nullptr);
 }
 
 }  // namespace
