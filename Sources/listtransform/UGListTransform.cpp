@@ -73,19 +73,10 @@ class Counter {
 }  // namespace
 
 UGListTransform::~UGListTransform() {
-  // Links of items held elsewhere are cut properly, which also frees their
-  // partners; every other link joins two items that die with this transform
-  // and is simply forgotten, sparing a visit to each partner.
-  for (auto* items : {&deletions_, &insertions_}) {
-    for (auto& item : *items) {
-      if (item.use_count() > 1) item->cutMoveLink();
-    }
-  }
-  for (auto* items : {&deletions_, &insertions_}) {
-    for (auto& item : *items) {
-      if (item.use_count() == 1) item->forgetMoveLink();
-    }
-  }
+  // Cutting from the deletion side clears both halves of every canonical move;
+  // the pass over the insertions catches links a caller made by hand.
+  cutLinks(deletions_);
+  cutLinks(insertions_);
 }
 
 Ref<UGListTransform> UGListTransform::copy() const {

@@ -50,10 +50,6 @@ class UGListTransformItem : public Object {
   std::string description() const override;
 
  private:
-  friend class UGListTransform;
-  // Forgets the link without telling the partner; only for a transform that
-  // is releasing both halves.
-  void forgetMoveLink() { moveLink_ = nullptr; }
 
   int64_t index_;
   std::optional<Value> object_;
