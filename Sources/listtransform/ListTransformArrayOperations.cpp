@@ -223,14 +223,14 @@ void sortUsingDescriptorsResultingTransform(Array& array, const std::vector<Sort
   Array unsorted = array;
   sortUsingDescriptors(array, descriptors);
   if (resultingTransform == nullptr) return;
-  auto transform = transformForTransitioningFromArrayToArrayObjectComparison(
-      unsorted, array, UGListTransformObjectComparisonIdentity);
+  auto transform = transformForTransitioningFromArrayToArrayObjectComparison(unsorted, array,
+                                                                             UGListTransformObjectComparisonIdentity);
   auto mutableTransform = std::dynamic_pointer_cast<UGMutableListTransform>(transform);
   *resultingTransform = mutableTransform ? mutableTransform : transform->mutableCopy();
 }
 
 Ref<UGListTransform> transformForTransitioningFromArrayToArrayObjectComparison(const Array& from, const Array& to,
-                                                                              int objectComparison) {
+                                                                               int objectComparison) {
   if (objectComparison == UGListTransformObjectComparisonIdentity) {
     bool same = from.size() == to.size();
     for (size_t i = 0; same && i < from.size(); ++i) same = from[i].isIdenticalTo(to[i]);

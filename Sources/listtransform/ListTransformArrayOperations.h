@@ -49,6 +49,6 @@ void sortUsingDescriptorsResultingTransform(Array& array, const std::vector<Sort
 // Unchanged arrays give an empty UGListTransform, anything else a
 // UGMutableListTransform. Expected O(n) with hashing.
 Ref<UGListTransform> transformForTransitioningFromArrayToArrayObjectComparison(const Array& from, const Array& to,
-                                                                              int objectComparison);
+                                                                               int objectComparison);
 
 }  // namespace loomwork

@@ -209,7 +209,8 @@ std::optional<std::vector<Ref<TWArrayOperation>>> TWArrayOperationLinearizer::ar
   if (!inBatch_) return std::nullopt;
   std::vector<Ref<TWArrayOperation>> operations;
   operations.reserve(changes_.size());
-  for (const auto& c : changes_) operations.push_back(TWArrayOperation::arrayOperationWithFromIndexToIndex(c.fromIndex, c.toIndex));
+  for (const auto& c : changes_)
+    operations.push_back(TWArrayOperation::arrayOperationWithFromIndexToIndex(c.fromIndex, c.toIndex));
   return operations;
 }
 

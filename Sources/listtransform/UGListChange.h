@@ -28,8 +28,7 @@ class UGListChange : public Object {
 
   static Ref<UGListChange> insertionAtIndexObject(int64_t index, std::optional<Value> object);
   static Ref<UGListChange> deletionFromIndexObject(int64_t index, std::optional<Value> object);
-  static Ref<UGListChange> moveFromIndexToIndexObject(int64_t fromIndex, int64_t toIndex,
-                                                      std::optional<Value> object);
+  static Ref<UGListChange> moveFromIndexToIndexObject(int64_t fromIndex, int64_t toIndex, std::optional<Value> object);
 
   UGListChangeType type() const { return type_; }
   int64_t fromIndex() const { return fromIndex_; }

@@ -44,11 +44,12 @@ void cutLinks(ItemArray& items) {
 // Keeps the items for which keep() is true, in order.
 template <class Keep>
 void filterItems(ItemArray& items, Keep keep) {
-  items.erase(std::remove_if(items.begin(), items.end(), [&](const Ref<UGListTransformItem>& item) {
-                bool kept = keep(*item);
-                if (!kept) item->cutMoveLink();
-                return !kept;
-              }),
+  items.erase(std::remove_if(items.begin(), items.end(),
+                             [&](const Ref<UGListTransformItem>& item) {
+                               bool kept = keep(*item);
+                               if (!kept) item->cutMoveLink();
+                               return !kept;
+                             }),
               items.end());
 }
 
@@ -344,7 +345,8 @@ Ref<UGMutableListTransform> UGListTransform::transformWithTestChanges(const Arra
 std::string UGListTransform::description() const {
   std::string text = className() + " with {\n    deletions:\n";
   for (auto it = deletions_.rbegin(); it != deletions_.rend(); ++it) {
-    if (!(*it)->hasMoveLink()) text += "        " + std::to_string((*it)->index()) + "   (" + describe((*it)->object()) + ")\n";
+    if (!(*it)->hasMoveLink())
+      text += "        " + std::to_string((*it)->index()) + "   (" + describe((*it)->object()) + ")\n";
   }
   text += "    moves:\n";
   for (auto it = deletions_.rbegin(); it != deletions_.rend(); ++it) {
@@ -355,7 +357,8 @@ std::string UGListTransform::description() const {
   }
   text += "    insertions:\n";
   for (const auto& item : insertions_) {
-    if (!item->hasMoveLink()) text += "        " + std::to_string(item->index()) + "   (" + describe(item->object()) + ")\n";
+    if (!item->hasMoveLink())
+      text += "        " + std::to_string(item->index()) + "   (" + describe(item->object()) + ")\n";
   }
   return text + "}\n";
 }
@@ -495,8 +498,7 @@ void UGMutableListTransform::swapCanonicalInsertionsWithCanonicalDeletions(ItemA
                   deletions.end());
 }
 
-void UGMutableListTransform::combineCanonicalOperationsWithCanonicalOperations(ItemArray& shifted,
-                                                                               ItemArray& leading) {
+void UGMutableListTransform::combineCanonicalOperationsWithCanonicalOperations(ItemArray& shifted, ItemArray& leading) {
   ItemArray result;
   result.reserve(shifted.size() + leading.size());
   size_t si = 0;

@@ -99,7 +99,8 @@ class UGListTransform : public Object {
   // Plain deletions from the highest index down, then moves by descending
   // source index, then plain insertions from the lowest index up. Any callback
   // may be empty.
-  void enumerateTransformAsGroupedDeletionsMovesInsertions(const IndexObjectBlock& deletions, const MoveObjectBlock& moves,
+  void enumerateTransformAsGroupedDeletionsMovesInsertions(const IndexObjectBlock& deletions,
+                                                           const MoveObjectBlock& moves,
                                                            const IndexObjectBlock& insertions) const;
   // The same with every move reported as a deletion and an insertion.
   void enumerateTransformAsGroupedDeletionsInsertions(const IndexObjectBlock& deletions,

@@ -50,7 +50,6 @@ class UGListTransformItem : public Object {
   std::string description() const override;
 
  private:
-
   int64_t index_;
   std::optional<Value> object_;
   UGListTransformItem* moveLink_ = nullptr;

@@ -167,7 +167,8 @@ void IndexSet::removeAllIndexes() {
 
 void IndexSet::shiftIndexesStartingAtIndex(int64_t index, int64_t delta) {
   if (delta == 0 || ranges_.empty()) return;
-  if (delta < 0) removeIndexesInRange({std::max<int64_t>(index + delta, 0), index - std::max<int64_t>(index + delta, 0)});
+  if (delta < 0)
+    removeIndexesInRange({std::max<int64_t>(index + delta, 0), index - std::max<int64_t>(index + delta, 0)});
   std::vector<IndexRange> shifted;
   shifted.reserve(ranges_.size() + 1);
   for (const auto& range : ranges_) {

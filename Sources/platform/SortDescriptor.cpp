@@ -7,7 +7,9 @@ namespace loomwork {
 SortDescriptor::SortDescriptor(std::string keyPath, bool ascending, Comparator comparator)
     : keyPath_(std::move(keyPath)), ascending_(ascending), comparator_(std::move(comparator)) {}
 
-SortDescriptor SortDescriptor::reversedSortDescriptor() const { return SortDescriptor(keyPath_, !ascending_, comparator_); }
+SortDescriptor SortDescriptor::reversedSortDescriptor() const {
+  return SortDescriptor(keyPath_, !ascending_, comparator_);
+}
 
 int SortDescriptor::compareObjectToObject(const Value& a, const Value& b) const {
   auto read = [this](const Value& v) -> Value {

@@ -1,10 +1,10 @@
 #include "platform/Value.h"
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
-#include <cctype>
 #include <cstring>
 
 #include "platform/Exception.h"
@@ -332,7 +332,8 @@ bool Value::equalValues(const Value& a, const Value& b) {
     Kind ka = a.kind(), kb = b.kind();
     if (ka != Kind::Real && kb != Kind::Real) return a.integerValue() == b.integerValue();
     if (ka == Kind::Real && kb == Kind::Real) return a.doubleValue() == b.doubleValue();
-    if (ka == Kind::Real) return compareIntegerToReal(b.integerValue(), a.doubleValue()) == 0 && !std::isnan(a.doubleValue());
+    if (ka == Kind::Real)
+      return compareIntegerToReal(b.integerValue(), a.doubleValue()) == 0 && !std::isnan(a.doubleValue());
     return compareIntegerToReal(a.integerValue(), b.doubleValue()) == 0 && !std::isnan(b.doubleValue());
   }
   if (a.kind() != b.kind()) return false;
@@ -454,7 +455,7 @@ int Value::compare(const Value& other) const {
   }
   auto rank = [](Kind k) {
     return (k == Kind::Boolean || k == Kind::Integer || k == Kind::Real) ? static_cast<int>(Kind::Integer)
-                                                                          : static_cast<int>(k);
+                                                                         : static_cast<int>(k);
   };
   if (rank(kind()) != rank(other.kind())) return rank(kind()) < rank(other.kind()) ? -1 : 1;
   switch (kind()) {
@@ -520,8 +521,8 @@ void Value::appendDescription(std::string& out, bool nested) const {
     case Kind::String: {
       const std::string& s = string();
       if (!nested || (!s.empty() && std::all_of(s.begin(), s.end(), [](char c) {
-                        return isBareStringCharacter(static_cast<unsigned char>(c));
-                      }))) {
+            return isBareStringCharacter(static_cast<unsigned char>(c));
+          }))) {
         out += s;
       } else {
         appendQuoted(out, s);

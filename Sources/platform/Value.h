@@ -84,8 +84,8 @@ class Value {
 
   Value(bool b) noexcept : storage_(b) {}
   template <std::integral T>
-    requires(!std::same_as<T, bool>)
-  Value(T i) noexcept : storage_(static_cast<int64_t>(i)) {}
+  requires(!std::same_as<T, bool>) Value(T i)
+  noexcept : storage_(static_cast<int64_t>(i)) {}
   Value(double d) noexcept : storage_(d) {}
   Value(float d) noexcept : storage_(static_cast<double>(d)) {}
   Value(Date d) noexcept : storage_(d) {}
@@ -98,8 +98,8 @@ class Value {
   Value(Set s);
   Value(std::shared_ptr<Object> object) noexcept;
   template <class T>
-    requires std::derived_from<T, Object>
-  Value(std::shared_ptr<T> object) noexcept : Value(std::shared_ptr<Object>(std::move(object))) {}
+  requires std::derived_from<T, Object> Value(std::shared_ptr<T> object)
+  noexcept : Value(std::shared_ptr<Object>(std::move(object))) {}
 
   static Value date(double secondsSince1970) noexcept { return Value(Date{secondsSince1970}); }
   static Value data(Data bytes);
@@ -196,10 +196,9 @@ class Value {
   void appendDescription(std::string& out, bool nested) const;
 
  private:
-  using Storage = std::variant<std::monostate, bool, int64_t, double, Date,
-                               std::shared_ptr<const std::string>, std::shared_ptr<const Data>,
-                               std::shared_ptr<const Array>, std::shared_ptr<const Dictionary>,
-                               std::shared_ptr<const Set>, std::shared_ptr<Object>>;
+  using Storage = std::variant<std::monostate, bool, int64_t, double, Date, std::shared_ptr<const std::string>,
+                               std::shared_ptr<const Data>, std::shared_ptr<const Array>,
+                               std::shared_ptr<const Dictionary>, std::shared_ptr<const Set>, std::shared_ptr<Object>>;
   const void* heapPointer() const noexcept;
   static bool equalValues(const Value& a, const Value& b);
   size_t hashSlow() const noexcept;

@@ -3,8 +3,8 @@
 // the new array in a hash map; composition against copying the items;
 // linearization against the plain walk; and memory per item.
 #include <benchmark/benchmark.h>
-#include <dtl.hpp>
 #include <malloc.h>
+#include <dtl.hpp>
 
 #include <algorithm>
 #include <numeric>
@@ -145,9 +145,8 @@ void BM_Linearize(benchmark::State& state) {
   size_t steps = 0;
   for (auto _ : state) {
     steps = 0;
-    t->enumerateTransformAsLinearizedDeletionsMovesInsertions([&](int64_t) { ++steps; },
-                                                              [&](int64_t, int64_t) { ++steps; },
-                                                              [&](int64_t) { ++steps; });
+    t->enumerateTransformAsLinearizedDeletionsMovesInsertions(
+        [&](int64_t) { ++steps; }, [&](int64_t, int64_t) { ++steps; }, [&](int64_t) { ++steps; });
   }
   state.counters["steps"] = static_cast<double>(steps);
   state.SetComplexityN(state.range(0));
@@ -159,9 +158,15 @@ void BM_LinearizePlainWalk(benchmark::State& state) {
   auto t = makeTransform(static_cast<size_t>(state.range(0)) * 10 / 9, 0.2, 3);
   std::vector<TWArrayOperationLinearizer::Change> changes;
   t->enumerateTransformAsGroupedDeletionsMovesInsertions(
-      [&](int64_t i, const std::optional<Value>&) { changes.push_back({i, -1}); },
-      [&](int64_t f, int64_t to, const std::optional<Value>&) { changes.push_back({f, to}); },
-      [&](int64_t i, const std::optional<Value>&) { changes.push_back({-1, i}); });
+      [&](int64_t i, const std::optional<Value>&) {
+        changes.push_back({i, -1});
+      },
+      [&](int64_t f, int64_t to, const std::optional<Value>&) {
+        changes.push_back({f, to});
+      },
+      [&](int64_t i, const std::optional<Value>&) {
+        changes.push_back({-1, i});
+      });
   for (auto _ : state) benchmark::DoNotOptimize(TWArrayOperationLinearizer::linearizeLiterally(changes));
 }
 BENCHMARK(BM_LinearizePlainWalk)->Arg(10'000)->Arg(100'000)->Unit(benchmark::kMillisecond);

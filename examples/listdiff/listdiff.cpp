@@ -50,8 +50,8 @@ int main(int argc, char** argv) {
   }
   const Array oldList = parseList(argv[1]);
   const Array newList = parseList(argv[2]);
-  auto transform =
-      transformForTransitioningFromArrayToArrayObjectComparison(oldList, newList, UGListTransformObjectComparisonEquality);
+  auto transform = transformForTransitioningFromArrayToArrayObjectComparison(oldList, newList,
+                                                                             UGListTransformObjectComparisonEquality);
 
   std::cout << "old: " << Value(oldList).description() << "\n";
   std::cout << "new: " << Value(newList).description() << "\n\n";

@@ -37,7 +37,9 @@ TEST(Linearizer, WorkedBatches) {
               l.removeObjectAtIndex(2);
             }),
             (Steps{"remove 2", "insert 1", "insert 4"}));
-  EXPECT_EQ(run([](auto& l) { l.moveObjectsAtIndexesToIndexes(IndexSet{0, 5}, IndexSet{3, 1}); }),
+  EXPECT_EQ(run([](auto& l) {
+              l.moveObjectsAtIndexesToIndexes(IndexSet{0, 5}, IndexSet{3, 1});
+            }),
             (Steps{"move 5 3", "move 0 1"}));
   EXPECT_EQ(run([](auto&) {}), Steps{});
   // An operation from -1 to -1 is invalid and is left out.
@@ -110,14 +112,18 @@ TEST(Linearizer, MisuseThrowsWithTheReasonTexts) {
   TWArrayOperationLinearizer l;
   EXPECT_EQ(reason([&] { l.endUpdates(); }),
             "internal inconsistency: Called endUpdates without previously calling beginUpdates");
-  EXPECT_EQ(reason([&] { l.insertObjectAtIndex(0); }), "internal inconsistency: Can't insert, beginUpdates wasn't called");
+  EXPECT_EQ(reason([&] { l.insertObjectAtIndex(0); }),
+            "internal inconsistency: Can't insert, beginUpdates wasn't called");
   EXPECT_EQ(reason([&] { l.removeObjectsAtIndexes(IndexSet{1}); }),
             "internal inconsistency: Can't remove, beginUpdates wasn't called");
-  EXPECT_EQ(reason([&] { l.moveObjectAtIndexToIndex(0, 1); }), "internal inconsistency: Can't move, beginUpdates wasn't called");
+  EXPECT_EQ(reason([&] { l.moveObjectAtIndexToIndex(0, 1); }),
+            "internal inconsistency: Can't move, beginUpdates wasn't called");
   l.beginUpdates();
   EXPECT_EQ(reason([&] { l.beginUpdates(); }),
             "internal inconsistency: Called beginUpdates for the second time without previously calling endUpdates");
-  EXPECT_EQ(reason([&] { l.moveObjectsAtIndexesToIndexes(IndexSet{1, 2}, IndexSet{3}); }),
+  EXPECT_EQ(reason([&] {
+              l.moveObjectsAtIndexesToIndexes(IndexSet{1, 2}, IndexSet{3});
+            }),
             "invalid argument: [TWArrayOperationLinearizer moveObjectsAtIndexesToIndexes] Argument `atIndexes` and "
             "`toIndexes` must contain the same count of indexes but don't");
   l.endUpdates();

@@ -295,16 +295,17 @@ TEST(ListTransformProperties, CopiesRelinkMovesAndDerivedTransformsStayCanonical
     int64_t location = uniform(rng, 0, 8), length = uniform(rng, 0, 8);
     for (const auto& derived :
          {t->transformByLimitingToRange({location, length}), t->movesTransform(), t->transformByDecomposingMoves(),
-          t->deletionsTransformIncludingDecomposedMoves(c % 2 == 0), t->insertionsTransformIncludingDecomposedMoves(c % 2 == 1),
-          t->transformByDetectingMoves(), t->inverseTransform()}) {
+          t->deletionsTransformIncludingDecomposedMoves(c % 2 == 0),
+          t->insertionsTransformIncludingDecomposedMoves(c % 2 == 1), t->transformByDetectingMoves(),
+          t->inverseTransform()}) {
       ASSERT_TRUE(isCanonical(*derived));
     }
     // Decomposed moves still reach the same array; detected moves too.
     ASSERT_EQ(arrayByApplyingTransform(a, *t->transformByDecomposingMoves()), arrayByApplyingTransform(a, *t));
     ASSERT_EQ(arrayByApplyingTransform(a, *t->transformByDecomposingMoves()->transformByDetectingMoves()),
               arrayByApplyingTransform(a, *t));
-    ASSERT_EQ(t->cardinalityChange(), static_cast<int64_t>(arrayByApplyingTransform(a, *t).size()) -
-                                          static_cast<int64_t>(a.size()));
+    ASSERT_EQ(t->cardinalityChange(),
+              static_cast<int64_t>(arrayByApplyingTransform(a, *t).size()) - static_cast<int64_t>(a.size()));
   }
 }
 

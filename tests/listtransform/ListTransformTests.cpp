@@ -59,7 +59,8 @@ TEST(ListTransform, CompositionCancelsAndJoinsMoves) {
   // Appending a transform to itself composes it with a copy of itself.
   auto twice = first->mutableCopy();
   twice->appendTransform(*twice);
-  EXPECT_EQ(arrayByApplyingTransformIgnoringObjectsInTransform(letters("abcd"), *twice, true), letters("cdab")) << twice->description();
+  EXPECT_EQ(arrayByApplyingTransformIgnoringObjectsInTransform(letters("abcd"), *twice, true), letters("cdab"))
+      << twice->description();
 }
 
 TEST(ListTransform, TransitionAndNormalization) {

@@ -42,9 +42,12 @@ TEST(Value, EqualityAndHashAgree) {
     EXPECT_EQ(a.hash(), b.hash()) << a.description();
   }
   std::vector<std::pair<Value, Value>> different = {
-      {Value(1), Value(1.5)},     {Value("1"), Value(1)},
-      {Value::date(1), Value(1)}, {Value::array({1}), Value::array({1, 1})},
-      {Value(), Value(0)},        {Value((int64_t{1} << 62) + 1), Value(static_cast<double>(int64_t{1} << 62))},
+      {Value(1), Value(1.5)},
+      {Value("1"), Value(1)},
+      {Value::date(1), Value(1)},
+      {Value::array({1}), Value::array({1, 1})},
+      {Value(), Value(0)},
+      {Value((int64_t{1} << 62) + 1), Value(static_cast<double>(int64_t{1} << 62))},
       {Value(std::nan("")), Value(std::nan(""))},
   };
   for (const auto& [a, b] : different) EXPECT_NE(a, b) << a.description() << " vs " << b.description();
@@ -73,7 +76,8 @@ TEST(Value, TextForm) {
   EXPECT_EQ(Value(1.0).description(), "1.0");
   EXPECT_EQ(Value(0.1).description(), "0.1");
   EXPECT_EQ(Value("plain text").description(), "plain text");
-  EXPECT_EQ(Value::array({1, "a", "two words", "", "q\"\n"}).description(), "(1, a, \"two words\", \"\", \"q\\\"\\n\")");
+  EXPECT_EQ(Value::array({1, "a", "two words", "", "q\"\n"}).description(),
+            "(1, a, \"two words\", \"\", \"q\\\"\\n\")");
   EXPECT_EQ(Value::dictionary({{"b", 1}, {"a", Value::array({})}}).description(), "{b = 1; a = ();}");
   EXPECT_EQ(Value::set({2, 1}).description(), "{(2, 1)}");
   EXPECT_EQ(Value::data({0xde, 0xad, 0xbe, 0xef, 0x01}).description(), "<deadbeef 01>");
@@ -155,8 +159,7 @@ TEST(IndexSet, AgreesWithAPlainSet) {
     auto above = model.upper_bound(probe);
     ASSERT_EQ(set.indexGreaterThanIndex(probe), above == model.end() ? NotFound : *above);
     auto atOrBelow = model.upper_bound(probe);
-    ASSERT_EQ(set.indexLessThanOrEqualToIndex(probe),
-              atOrBelow == model.begin() ? NotFound : *std::prev(atOrBelow));
+    ASSERT_EQ(set.indexLessThanOrEqualToIndex(probe), atOrBelow == model.begin() ? NotFound : *std::prev(atOrBelow));
     ASSERT_EQ(set.containsIndex(probe), model.count(probe) == 1);
     size_t inRange = 0;
     for (int64_t i = probe; i < probe + 5; ++i) inRange += model.count(i);
