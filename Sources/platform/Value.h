@@ -39,8 +39,12 @@ struct ValueIdentityEqual {
 using Array = std::vector<Value>;
 // Dictionaries and sets keep insertion order, so enumeration and text forms are
 // reproducible.
-using Dictionary = tsl::ordered_map<Value, Value, ValueHash>;
-using Set = tsl::ordered_set<Value, ValueHash>;
+// Entries are kept in a vector (not tsl's default deque): one allocation per
+// container instead of a 512-byte block, which halves the cost of building and
+// freeing the many small dictionaries of a document.
+using Dictionary = tsl::ordered_map<Value, Value, ValueHash, std::equal_to<Value>, std::allocator<std::pair<Value, Value>>,
+                                    std::vector<std::pair<Value, Value>>>;
+using Set = tsl::ordered_set<Value, ValueHash, std::equal_to<Value>, std::allocator<Value>, std::vector<Value>>;
 using Data = std::vector<uint8_t>;
 
 // A date: seconds since 1970-01-01 00:00:00 GMT.

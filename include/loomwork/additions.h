@@ -8,3 +8,4 @@
 #include "additions/IntegerArray.h"
 #include "additions/StringAdditions.h"
 #include "additions/StringScoring.h"
+#include "additions/PropertyListAdditions.h"

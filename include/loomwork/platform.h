@@ -11,3 +11,4 @@
 #include "platform/LocalizedStrings.h"
 #include "platform/TextServices.h"
 #include "platform/UUID.h"
+#include "platform/PropertyList.h"

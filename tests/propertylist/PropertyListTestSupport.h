@@ -1,0 +1,222 @@
+// Helpers shared by the property-list suites: a seeded generator of random
+// property lists and a comparison that, unlike Value equality, also demands
+// the same kinds, the same real bits and the same dictionary order.
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "platform/Value.h"
+
+namespace loomwork::testing {
+
+struct GeneratorOptions {
+  bool xmlSafe = false;      // whole-second dates in years 0001-9999, no control characters
+  bool allowCR = true;       // carriage returns in strings
+  size_t maximumDepth = 4;   // nesting of containers
+  size_t maximumCount = 6;   // elements per container
+  bool narrowDates = false;  // dates within 1902-2038 only
+};
+
+class PlistGenerator {
+ public:
+  PlistGenerator(uint64_t seed, GeneratorOptions options = {}) : random_(seed), options_(options) {}
+
+  // A random property list; the top level is always a container.
+  Value value(size_t depth = 0) {
+    int choice = depth == 0 ? 8 + pick(2) : pick(depth < options_.maximumDepth ? 10 : 8);
+    switch (choice) {
+      case 0:
+        return Value(pick(2) == 1);
+      case 1:
+        return Value(integer());
+      case 2:
+        return Value(real());
+      case 3:
+        return Value::date(date());
+      case 4:
+      case 5:
+        return Value(string());
+      case 6: {
+        Data d(pick(40) == 0 ? 300 : pick(20));
+        for (auto& b : d) b = static_cast<uint8_t>(random_());
+        return Value::data(std::move(d));
+      }
+      case 7:
+        return Value(integer());
+      case 8: {
+        Array a;
+        size_t n = pick(static_cast<int>(options_.maximumCount) + 1);
+        for (size_t i = 0; i < n; ++i) a.push_back(value(depth + 1));
+        return Value(std::move(a));
+      }
+      default: {
+        Dictionary d;
+        size_t n = pick(static_cast<int>(options_.maximumCount) + 1);
+        for (size_t i = 0; i < n; ++i) d.insert_or_assign(Value(string()), value(depth + 1));
+        return Value(std::move(d));
+      }
+    }
+  }
+
+  int64_t integer() {
+    static constexpr int64_t kEdges[] = {0,         1,         14,         15,          255,       256,
+                                         65535,     65536,     4294967295, 4294967296,  -1,        -128,
+                                         INT64_MAX, INT64_MIN, INT32_MIN,  -4294967296, 1LL << 62, -(1LL << 40)};
+    if (pick(3) == 0) return kEdges[pick(sizeof kEdges / sizeof kEdges[0])];
+    int shift = pick(64);
+    return static_cast<int64_t>(random_() >> shift) * (pick(2) ? 1 : -1);
+  }
+
+  double real() {
+    static constexpr double kEdges[] = {0.0, -0.0, 1.0, -1.5, 0.1, 1e300, -1e-300, 5e-324, 3.4028234663852886e38};
+    if (pick(3) == 0) return kEdges[pick(sizeof kEdges / sizeof kEdges[0])];
+    if (options_.xmlSafe || pick(2) == 0)
+      return std::ldexp(static_cast<double>(random_() >> 11), pick(200) - 100) * (pick(2) ? 1 : -1);
+    uint64_t bits = random_();
+    double d;
+    std::memcpy(&d, &bits, sizeof d);
+    return d;  // any bit pattern, NaN payloads included
+  }
+
+  double date() {
+    // Quarter seconds: exact both as seconds since 1970 and since 2001.
+    int64_t seconds = options_.narrowDates
+                          ? static_cast<int64_t>(random_() % (1ULL << 32)) - (1LL << 31)
+                          : static_cast<int64_t>(random_() % 253402300800ULL) - 62135596800LL;  // years 0001-9999
+    if (options_.xmlSafe) return static_cast<double>(seconds);
+    return static_cast<double>(seconds) + 0.25 * pick(4);
+  }
+
+  std::string string() {
+    static const char* const kPieces[] = {"a",
+                                          "key",
+                                          "t",
+                                          "é",
+                                          "日本",
+                                          "😀",
+                                          "\xF0\x9F\x91\x8D",
+                                          " ",
+                                          "&",
+                                          "<",
+                                          ">",
+                                          "\"",
+                                          "'",
+                                          "]]>",
+                                          "\t",
+                                          "\n",
+                                          "\r",
+                                          "\x7F",
+                                          "\xEF\xBF\xBD",
+                                          "com.tarnwick.NSPropertyListSerialization.NSNull"};
+    std::string s;
+    size_t n = pick(8);
+    for (size_t i = 0; i < n; ++i) {
+      const char* piece = kPieces[pick(sizeof kPieces / sizeof kPieces[0])];
+      if (!options_.allowCR && std::strcmp(piece, "\r") == 0) continue;
+      s += piece;
+    }
+    if (!options_.xmlSafe && pick(8) == 0) s += '\x01';
+    if (pick(20) == 0) s.append(static_cast<size_t>(pick(40) + 15), 'x');
+    return s;
+  }
+
+  int pick(int n) { return static_cast<int>(random_() % static_cast<uint64_t>(n)); }
+  std::mt19937_64& engine() { return random_; }
+
+ private:
+  std::mt19937_64 random_;
+  GeneratorOptions options_;
+};
+
+// Where two values differ in kind, scalar bits (reals and dates), order or
+// content, as a path such as "$[2][\"key\"]"; empty when they are the same.
+inline std::string differenceBetween(const Value& a, const Value& b, const std::string& path = "$") {
+  auto bitsOf = [](double d) {
+    uint64_t bits;
+    std::memcpy(&bits, &d, sizeof bits);
+    return bits;
+  };
+  std::string here = path + ": " + a.description() + " / " + b.description();
+  if (a.kind() != b.kind()) return here;
+  switch (a.kind()) {
+    case Value::Kind::Real:
+      return bitsOf(a.doubleValue()) == bitsOf(b.doubleValue()) ? "" : here;
+    case Value::Kind::Date:
+      return bitsOf(a.dateValue()) == bitsOf(b.dateValue())
+                 ? ""
+                 : here + " (" + std::to_string(a.dateValue()) + " / " + std::to_string(b.dateValue()) + ")";
+    case Value::Kind::Array: {
+      const Array &x = a.array(), &y = b.array();
+      if (x.size() != y.size()) return here;
+      for (size_t i = 0; i < x.size(); ++i) {
+        std::string d = differenceBetween(x[i], y[i], path + "[" + std::to_string(i) + "]");
+        if (!d.empty()) return d;
+      }
+      return "";
+    }
+    case Value::Kind::Dictionary: {
+      const Dictionary &x = a.dictionary(), &y = b.dictionary();
+      if (x.size() != y.size()) return here;
+      for (auto i = x.begin(), j = y.begin(); i != x.end(); ++i, ++j) {
+        std::string sub = path + "[" + i->first.description() + "]";
+        std::string d = differenceBetween(i->first, j->first, sub + " key");
+        if (d.empty()) d = differenceBetween(i->second, j->second, sub);
+        if (!d.empty()) return d;
+      }
+      return "";
+    }
+    default:
+      return a == b ? "" : here;
+  }
+}
+
+inline bool sameValue(const Value& a, const Value& b) { return differenceBetween(a, b).empty(); }
+
+// Assembles a "bplist00" file from encoded objects (references inside them
+// already written with `refWidth` bytes): header, objects, offset table and
+// trailer.
+inline Data assembleBinary(const std::vector<Data>& objects, uint64_t top = 0, unsigned refWidth = 1,
+                           unsigned offsetWidth = 0) {
+  Data out = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
+  std::vector<uint64_t> offsets;
+  for (const Data& object : objects) {
+    offsets.push_back(out.size());
+    out.insert(out.end(), object.begin(), object.end());
+  }
+  uint64_t tableOffset = out.size();
+  if (offsetWidth == 0) offsetWidth = tableOffset < 256 ? 1 : tableOffset < 65536 ? 2 : 4;
+  auto put = [&](uint64_t v, unsigned width) {
+    for (unsigned i = width; i-- > 0;) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+  };
+  for (uint64_t offset : offsets) put(offset, offsetWidth);
+  for (int i = 0; i < 6; ++i) out.push_back(0);
+  out.push_back(static_cast<uint8_t>(offsetWidth));
+  out.push_back(static_cast<uint8_t>(refWidth));
+  put(objects.size(), 8);
+  put(top, 8);
+  put(tableOffset, 8);
+  return out;
+}
+
+// The fields of a binary property list's trailer.
+struct BinaryTrailer {
+  unsigned offsetWidth, refWidth;
+  uint64_t count, top, tableOffset;
+};
+
+inline BinaryTrailer trailerOf(const Data& file) {
+  const uint8_t* t = file.data() + file.size() - 32;
+  auto get = [](const uint8_t* p) {
+    uint64_t v = 0;
+    for (int i = 0; i < 8; ++i) v = (v << 8) | p[i];
+    return v;
+  };
+  return {t[6], t[7], get(t + 8), get(t + 16), get(t + 24)};
+}
+
+}  // namespace loomwork::testing
