@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <numeric>
 
+#include "listtransform/FenwickTree.h"
 #include "platform/Exception.h"
 
 namespace loomwork {
@@ -52,24 +53,6 @@ Orders makeOrders(const std::vector<TWArrayOperationLinearizer::Change>& changes
   for (const auto& entry : insertions) orders.insertionsAndMoves.push_back(entry.second);
   return orders;
 }
-
-// Fenwick tree over n counters: add to one counter, sum of a prefix.
-class Fenwick {
- public:
-  explicit Fenwick(size_t n) : tree_(n + 1, 0) {}
-  void add(size_t position, int64_t delta) {
-    for (size_t i = position + 1; i < tree_.size(); i += i & (~i + 1)) tree_[i] += delta;
-  }
-  // Sum of the counters [0, end).
-  int64_t prefix(size_t end) const {
-    int64_t sum = 0;
-    for (size_t i = end; i > 0; i -= i & (~i + 1)) sum += tree_[i];
-    return sum;
-  }
-
- private:
-  std::vector<int64_t> tree_;
-};
 
 // The pending sources of a linearization, lowest first: each has a given
 // index (key) and a raise, kept as counts in a Fenwick tree so that a source's
@@ -173,7 +156,7 @@ std::vector<TWArrayOperationLinearizer::Step> TWArrayOperationLinearizer::linear
   // Position of each move in I, and which entries of I are still pending.
   std::vector<size_t> positionInI(changes.size(), 0);
   for (size_t p = 0; p < I.size(); ++p) positionInI[I[p]] = p;
-  Fenwick pendingInI(I.size());
+  FenwickTree pendingInI(I.size());
   for (size_t p = 0; p < I.size(); ++p) pendingInI.add(p, 1);
   std::vector<bool> removedFromI(I.size(), false);
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <unordered_map>
 
+#include "listtransform/FenwickTree.h"
 #include "listtransform/TWArrayOperationLinearizer.h"
 #include "listtransform/UGListChange.h"
 
@@ -52,24 +53,6 @@ void filterItems(ItemArray& items, Keep keep) {
                              }),
               items.end());
 }
-
-// Fenwick tree of counts, used to find an item's position in an array from
-// which earlier items have been removed.
-class Counter {
- public:
-  explicit Counter(size_t n) : tree_(n + 1, 0) {}
-  void add(size_t position, int64_t delta) {
-    for (size_t i = position + 1; i < tree_.size(); i += i & (~i + 1)) tree_[i] += delta;
-  }
-  int64_t prefix(size_t end) const {
-    int64_t sum = 0;
-    for (size_t i = end; i > 0; i -= i & (~i + 1)) sum += tree_[i];
-    return sum;
-  }
-
- private:
-  std::vector<int64_t> tree_;
-};
 
 }  // namespace
 
@@ -536,7 +519,7 @@ void UGMutableListTransform::normalizeMoves() {
   // Working on the insertions with some removed, an item's position q is its
   // position in the full array minus the removed items before it.
   const size_t insertionCount = insertions_.size();
-  Counter removedInsertions(insertionCount);
+  FenwickTree removedInsertions(insertionCount);
   std::vector<bool> insertionRemoved(insertionCount, false);
   std::vector<bool> deletionRemoved(deletions_.size(), false);
   bool anyRemoved = false;

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/CivilDate.h"
 #include "platform/Exception.h"
 #include "platform/Object.h"
 
@@ -44,20 +45,6 @@ int sign(int64_t a, int64_t b) { return a < b ? -1 : (a > b ? 1 : 0); }
 
 [[noreturn]] void wrongKind(const char* wanted) {
   throw Exception(ExceptionKind::InvalidArgument, std::string("Value is not ") + wanted);
-}
-
-// Days since 1970-01-01 to a proleptic Gregorian (year, month, day).
-void civilFromDays(int64_t z, int64_t& y, unsigned& m, unsigned& d) {
-  z += 719468;
-  const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
-  const auto doe = static_cast<unsigned>(z - era * 146097);
-  const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-  y = static_cast<int64_t>(yoe) + era * 400;
-  const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-  const unsigned mp = (5 * doy + 2) / 153;
-  d = doy - (153 * mp + 2) / 5 + 1;
-  m = mp < 10 ? mp + 3 : mp - 9;
-  y += (m <= 2);
 }
 
 bool isBareStringCharacter(unsigned char c) {
