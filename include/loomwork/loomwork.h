@@ -2,5 +2,6 @@
 #pragma once
 
 #include "loomwork/additions.h"
+#include "loomwork/graph.h"
 #include "loomwork/listtransform.h"
 #include "loomwork/platform.h"

@@ -1,0 +1,12 @@
+// Graph transactions: entity operations (create, update, delete, identity)
+// keyed by entity UUID, gathered in transactions that compose, invert, merge,
+// reduce and read and write a property-list form; and the graph identity of
+// objects.
+#pragma once
+
+#include "graph/UGEntityOperation.h"
+#include "graph/UGOperationTable.h"
+#include "graph/UGTransaction.h"
+#include "graph/UniversalGraphObjects.h"
+#include "loomwork/listtransform.h"
+#include "loomwork/platform.h"

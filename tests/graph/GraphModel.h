@@ -1,0 +1,186 @@
+// A small entity store that transactions are applied to, and a generator of
+// random transactions over a few UUIDs, properties and relations.
+//
+// The store follows the composition table's intent, deliberate entries
+// included: a DELETE only marks a record dead and keeps its values, and a
+// CREATE on a dead record revives it, overwriting what the CREATE sets and
+// keeping the rest (so DELETE then CREATE acts as the UPDATE it composes to).
+// Only live records are observable.
+//
+// The generator makes histories that are valid for the store (UPDATE and
+// DELETE on live records, CREATE on records that are not live) and that stay
+// clear of the sequences on which composition is not associative: per UUID at
+// most one CREATE, and none after an UPDATE. (UPDATE x, DELETE, CREATE y
+// composes to UPDATE y grouped left and to UPDATE x+y grouped right; CREATE x,
+// DELETE, CREATE y to CREATE y and CREATE x+y.)
+#pragma once
+
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "loomwork/graph.h"
+
+namespace loomwork::graphtest {
+
+using Rng = std::mt19937_64;
+
+inline int uniform(Rng& rng, int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); }
+
+struct Record {
+  bool live = false;
+  std::map<std::string, Value> properties;
+  std::map<std::string, Array> lists;
+};
+using Store = std::map<std::string, Record>;  // a missing UUID never existed
+
+inline const std::vector<std::string> kUUIDs = {"U0", "U1", "U2", "U3", "U4", "U5"};
+inline const std::vector<std::string> kProperties = {"a", "b", "c", "d"};
+inline const std::vector<std::string> kRelations = {"r", "s"};
+
+inline std::string entityNameFor(const std::string& uuid) { return "Kind" + uuid; }
+
+inline Value randomValue(Rng& rng) {
+  switch (uniform(rng, 0, 4)) {
+    case 0:
+      return Value::null();
+    case 1:
+      return Value(std::string(1, static_cast<char>('x' + uniform(rng, 0, 2))));
+    case 2:
+      return Value::set({Value(uniform(rng, 0, 2)), Value("m")});
+    default:
+      return Value(uniform(rng, 0, 3));
+  }
+}
+
+inline void applyOperation(Record& record, const UGEntityOperation& operation) {
+  const auto type = operation.type();
+  if (type == UGEntityOperationTypeDelete) record.live = false;
+  if (type == UGEntityOperationTypeCreate) record.live = true;
+  if ((type != UGEntityOperationTypeCreate && type != UGEntityOperationTypeUpdate) || !record.live) return;
+  for (const auto& [name, value] : operation.properties()) record.properties[name] = value;
+  for (const auto& [name, transform] : operation.relationTransforms()) applyTransform(record.lists[name], *transform);
+}
+
+inline void applyTransaction(Store& store, const UGTransaction& transaction) {
+  for (const auto& entry : transaction.operations()) applyOperation(store[entry.uuid], *entry.operation);
+}
+
+// What can be seen of a store: its live records, with empty lists dropped.
+inline std::string observable(const Store& store) {
+  std::string text;
+  for (const auto& [uuid, record] : store) {
+    if (!record.live) continue;
+    text += uuid + " {";
+    for (const auto& [name, value] : record.properties) text += " " + name + "=" + value.description();
+    for (const auto& [name, list] : record.lists) {
+      if (!list.empty()) text += " " + name + "=" + Value(list).description();
+    }
+    text += " }\n";
+  }
+  return text;
+}
+
+// Fresh list elements, distinct across a whole test so transforms are unambiguous.
+inline int64_t nextElement = 1000;
+
+inline Array editedList(Rng& rng, Array list) {
+  for (int n = uniform(rng, 0, 2); n > 0 && !list.empty(); --n) {
+    list.erase(list.begin() + uniform(rng, 0, static_cast<int>(list.size()) - 1));
+  }
+  if (list.size() > 1 && uniform(rng, 0, 1) == 0) {
+    Value moved = list.front();
+    list.erase(list.begin());
+    list.insert(list.begin() + uniform(rng, 0, static_cast<int>(list.size())), moved);
+  }
+  for (int n = uniform(rng, 0, 2); n > 0; --n) {
+    list.insert(list.begin() + uniform(rng, 0, static_cast<int>(list.size())), Value(nextElement++));
+  }
+  return list;
+}
+
+inline Store randomStore(Rng& rng) {
+  Store store;
+  for (const auto& uuid : kUUIDs) {
+    if (uniform(rng, 0, 1) == 0) continue;
+    Record& record = store[uuid];
+    record.live = true;
+    for (const auto& name : kProperties) {
+      if (uniform(rng, 0, 1) == 0) record.properties[name] = randomValue(rng);
+    }
+    for (const auto& name : kRelations) record.lists[name] = editedList(rng, {});
+  }
+  return store;
+}
+
+struct GeneratorOptions {
+  bool relations = true;
+  int maxOperations = 3;
+};
+
+// A random sequence of `count` transactions valid from `start` (see above).
+inline std::vector<Ref<UGMutableTransaction>> randomSequence(Rng& rng, const Store& start, int count,
+                                                             GeneratorOptions options = {}) {
+  Store scratch = start;
+  std::map<std::string, bool> created, updated;
+  std::vector<Ref<UGMutableTransaction>> sequence;
+  for (int step = 0; step < count; ++step) {
+    auto transaction = UGMutableTransaction::transaction();
+    transaction->setContainsMutableOperations(uniform(rng, 0, 1) == 1);
+    for (int n = uniform(rng, 0, options.maxOperations); n > 0; --n) {
+      const std::string& uuid = kUUIDs[static_cast<size_t>(uniform(rng, 0, static_cast<int>(kUUIDs.size()) - 1))];
+      if (transaction->operationForUUID(uuid)) continue;
+      Record& record = scratch[uuid];
+      std::vector<UGEntityOperationType> allowed = {UGEntityOperationTypeIdentity};
+      if (record.live) allowed.insert(allowed.end(), {UGEntityOperationTypeUpdate, UGEntityOperationTypeDelete});
+      if (!record.live && !created[uuid] && !updated[uuid]) allowed.push_back(UGEntityOperationTypeCreate);
+      const auto type = allowed[static_cast<size_t>(uniform(rng, 0, static_cast<int>(allowed.size()) - 1))];
+      auto operation = make<UGMutableEntityOperation>(type, entityNameFor(uuid));
+      for (const auto& name : kProperties) {
+        if (uniform(rng, 0, 2) == 0) operation->setValueForProperty(randomValue(rng), name);
+      }
+      for (const auto& name : kRelations) {
+        if (!options.relations || uniform(rng, 0, 2) != 0) continue;
+        const Array& old = record.lists[name];
+        operation->setTransformForRelation(
+            transformForTransitioningFromArrayToArrayObjectComparison(old, editedList(rng, old), 1), name);
+      }
+      created[uuid] = created[uuid] || type == UGEntityOperationTypeCreate;
+      updated[uuid] = updated[uuid] || type == UGEntityOperationTypeUpdate;
+      applyOperation(record, *operation);
+      transaction->setOperationForUUID(operation, uuid);
+    }
+    sequence.push_back(transaction);
+  }
+  return sequence;
+}
+
+// Content equality of operations regardless of dictionary order; transforms
+// compare by their changes.
+inline bool sameOperation(const UGEntityOperation& a, const UGEntityOperation& b, bool relations = true) {
+  if (a.type() != b.type() || a.entityName() != b.entityName()) return false;
+  if (a.properties().size() != b.properties().size()) return false;
+  for (const auto& [name, value] : a.properties()) {
+    auto other = b.valueForProperty(name);
+    if (!other || !(*other == value)) return false;
+  }
+  if (!relations) return true;
+  if (a.relationTransforms().size() != b.relationTransforms().size()) return false;
+  for (const auto& [name, transform] : a.relationTransforms()) {
+    auto other = b.transformForRelation(name);
+    if (!other || !transform->isEqualToTestChanges(other->testChanges())) return false;
+  }
+  return true;
+}
+
+inline bool sameTransaction(const UGTransaction& a, const UGTransaction& b, bool relations = true) {
+  if (a.count() != b.count()) return false;
+  for (const auto& entry : a.operations()) {
+    auto other = b.operationForUUID(entry.uuid);
+    if (!other || !sameOperation(*entry.operation, *other, relations)) return false;
+  }
+  return true;
+}
+
+}  // namespace loomwork::graphtest
