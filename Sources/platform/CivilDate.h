@@ -30,4 +30,22 @@ inline void civilFromDays(int64_t z, int64_t& y, unsigned& m, unsigned& d) {
   y += (m <= 2);
 }
 
+// A moment in whole seconds since 1970-01-01 00:00:00 GMT, as calendar fields.
+struct CivilTime {
+  int64_t year;
+  unsigned month, day;
+  int hour, minute, second;
+};
+
+inline CivilTime civilTimeFromSeconds(int64_t seconds) {
+  const int64_t days = seconds >= 0 ? seconds / 86400 : -((-seconds + 86399) / 86400);
+  const int64_t secondOfDay = seconds - days * 86400;
+  CivilTime t{};
+  civilFromDays(days, t.year, t.month, t.day);
+  t.hour = static_cast<int>(secondOfDay / 3600);
+  t.minute = static_cast<int>(secondOfDay / 60 % 60);
+  t.second = static_cast<int>(secondOfDay % 60);
+  return t;
+}
+
 }  // namespace loomwork

@@ -119,16 +119,10 @@ class XMLWriter {
     if (!(whole >= kYear0 && whole < kYear10000)) {
       return fail("XML property list cannot hold a date outside the years 0000 to 9999");
     }
-    auto s = static_cast<int64_t>(whole);
-    int64_t days = s >= 0 ? s / 86400 : -((-s + 86399) / 86400);
-    int64_t secondOfDay = s - days * 86400;
-    int64_t year;
-    unsigned month, day;
-    civilFromDays(days, year, month, day);
+    const CivilTime t = civilTimeFromSeconds(static_cast<int64_t>(whole));
     char buffer[32];
-    std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02uT%02d:%02d:%02dZ", static_cast<int>(year), month, day,
-                  static_cast<int>(secondOfDay / 3600), static_cast<int>(secondOfDay / 60 % 60),
-                  static_cast<int>(secondOfDay % 60));
+    std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02uT%02d:%02d:%02dZ", static_cast<int>(t.year), t.month, t.day,
+                  t.hour, t.minute, t.second);
     text_ += buffer;
     return true;
   }

@@ -106,16 +106,10 @@ void appendDate(std::string& out, double seconds) {
     out += '>';
     return;
   }
-  auto whole = static_cast<int64_t>(std::floor(seconds));
-  int64_t days = whole >= 0 ? whole / 86400 : -((-whole + 86399) / 86400);
-  int64_t secondOfDay = whole - days * 86400;
-  int64_t year;
-  unsigned month, day;
-  civilFromDays(days, year, month, day);
+  const CivilTime t = civilTimeFromSeconds(static_cast<int64_t>(std::floor(seconds)));
   char buffer[64];
-  std::snprintf(buffer, sizeof buffer, "%04lld-%02u-%02u %02d:%02d:%02d +0000", static_cast<long long>(year), month,
-                day, static_cast<int>(secondOfDay / 3600), static_cast<int>(secondOfDay / 60 % 60),
-                static_cast<int>(secondOfDay % 60));
+  std::snprintf(buffer, sizeof buffer, "%04lld-%02u-%02u %02d:%02d:%02d +0000", static_cast<long long>(t.year), t.month,
+                t.day, t.hour, t.minute, t.second);
   out += buffer;
 }
 
