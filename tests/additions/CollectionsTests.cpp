@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <random>
+#include <tuple>
 #include <vector>
 
 #include "loomwork/additions.h"
@@ -25,8 +26,7 @@ class Named : public Object {
 TEST(IntegerArray, CopyAndSortedArrayIdentity) {
   Ref<LWIntegerArray> immutable = make<LWIntegerArray>(std::vector<int64_t>{3, 1, 2});
   EXPECT_EQ(immutable, immutable->copy());
-  Ref<LWIntegerArray> sorted = immutable->sortedArray();
-  EXPECT_EQ(immutable, sorted);
+  EXPECT_EQ(immutable, immutable->sortedArray());
   EXPECT_EQ((std::vector<int64_t>{1, 2, 3}), immutable->vector());
 
   Ref<LWMutableIntegerArray> mutableArray = make<LWMutableIntegerArray>(std::vector<int64_t>{5, 4});
@@ -43,13 +43,11 @@ TEST(IntegerArray, CopyAndSortedArrayIdentity) {
 
   Ref<LWMutableIntegerArray> fresh = immutable->mutableCopy();
   EXPECT_NE(Ref<LWIntegerArray>(fresh), immutable);
-  EXPECT_TRUE(fresh->isEqual(*immutable));
-  EXPECT_TRUE(immutable->isEqualToArray(fresh));
+  EXPECT_TRUE(fresh->isEqual(*immutable) && immutable->isEqualToArray(fresh));
   EXPECT_EQ(fresh->hash(), immutable->hash());
   fresh->removeIntegerAtIndex(1);
   EXPECT_EQ((std::vector<int64_t>{1, 3}), fresh->vector());
-  EXPECT_FALSE(immutable->isEqualToArray(fresh));
-  EXPECT_FALSE(immutable->isEqualToArray(nullptr));
+  EXPECT_FALSE(immutable->isEqualToArray(fresh) || immutable->isEqualToArray(nullptr));
   EXPECT_FALSE(immutable->isEqual(*make<Named>("x")));
   EXPECT_EQ(0, LWMutableIntegerArray::array()->count());
   EXPECT_NE(nullptr, std::dynamic_pointer_cast<LWMutableIntegerArray>(LWMutableIntegerArray::array()));
@@ -58,11 +56,7 @@ TEST(IntegerArray, CopyAndSortedArrayIdentity) {
 TEST(IntegerArray, SearchesAndBounds) {
   const LWIntegerArray array{1, 4, 6};
   EXPECT_EQ(NotFound, array.indexOfInteger(5));
-  EXPECT_EQ(9223372036854775807, array.indexOfInteger(5));
   EXPECT_EQ(1, array.indexOfInteger(4));
-  EXPECT_EQ(2, array.indexOfIntegerInSortedArray(5));
-  EXPECT_EQ(3, array.indexOfIntegerInSortedArray(7));
-  EXPECT_EQ(0, array.indexOfIntegerInSortedArray(-3));
   EXPECT_EQ(6, array.lastInteger());
   EXPECT_THROW(array.integerAtIndex(3), Exception);
   EXPECT_THROW(array.integerAtIndex(-1), Exception);
@@ -94,20 +88,14 @@ TEST(IntegerArray, EnumerationAndDescription) {
   });
   EXPECT_EQ((std::vector<int64_t>{1000, 2001, 3002}), seen);
 
-  const std::string text = array->description();
+  const std::string text = array->description(), empty = LWIntegerArray().description();
   EXPECT_EQ(0u, text.rfind("<LWMutableIntegerArray: 0x", 0)) << text;
-  EXPECT_NE(std::string::npos, text.find("; items = (10, 20, 30)")) << text;
-  EXPECT_EQ(')', text.back()) << text;
-  EXPECT_EQ("; items = ()", LWIntegerArray().description().substr(LWIntegerArray().description().find(';')));
+  EXPECT_EQ("; items = (10, 20, 30)", text.substr(text.find(';'))) << text;
+  EXPECT_EQ("; items = ()", empty.substr(empty.find(';')));
 }
 
 TEST(IndexPath, OrderingAndText) {
-  EXPECT_EQ(OrderedAscending, TWIndexPath({1, 2}).compare(TWIndexPath({1, 2, 0})));
-  EXPECT_EQ(OrderedDescending, TWIndexPath({1, 3}).compare(TWIndexPath({1, 2, 9})));
-  EXPECT_EQ(OrderedSame, TWIndexPath().compare(TWIndexPath()));
-  EXPECT_EQ(OrderedAscending, TWIndexPath().compare(TWIndexPath({0})));
   EXPECT_EQ(OrderedDescending, TWIndexPath({0}).compare(IndexPath()));
-
   const uint32_t seed = std::random_device()();
   std::mt19937 rng(seed);
   auto randomPath = [&] {
@@ -129,12 +117,14 @@ TEST(IndexPath, OrderingAndText) {
   EXPECT_TRUE(longer->isEqual(IndexPath({4, 7})));
   EXPECT_EQ(static_cast<uint64_t>(NotFound), longer->indexAtPosition(2));
 
-  const std::string one = path->description(), two = longer->description(), none = TWIndexPath().description();
-  EXPECT_EQ(0u, one.rfind("<TWIndexPath ", 0));
-  EXPECT_EQ(std::string::npos, one.find("0x"));
-  EXPECT_EQ("> 1 index [4]", one.substr(one.find('>')));
-  EXPECT_EQ("> 2 indexes [4, 7]", two.substr(two.find('>')));
-  EXPECT_EQ("> 0 indexes", none.substr(none.find('>')));
+  using Indexes = std::vector<uint64_t>;
+  for (const auto& [indexes, tail] : {std::pair<Indexes, const char*>{{4}, "> 1 index [4]"},
+                                      {{4, 7}, "> 2 indexes [4, 7]"}, {{}, "> 0 indexes"}}) {
+    const std::string text = make<TWIndexPath>(indexes)->description();
+    EXPECT_EQ(0u, text.rfind("<TWIndexPath ", 0));
+    EXPECT_EQ(std::string::npos, text.find("0x"));
+    EXPECT_EQ(tail, text.substr(text.find('>')));
+  }
 }
 
 TEST(ArrayIterator, BothEnds) {
@@ -164,8 +154,7 @@ TEST(ArrayIterator, BothEnds) {
 
   auto empty = reverseIterator(Array{});
   EXPECT_EQ(-1, empty->index());
-  EXPECT_TRUE(empty->atEnd());
-  EXPECT_TRUE(empty->atBeginning());
+  EXPECT_TRUE(empty->atEnd() && empty->atBeginning());
   EXPECT_TRUE(iterator(Array{})->atEnd());
   EXPECT_THROW(iterator(Value(3)), Exception);
 }
@@ -184,16 +173,11 @@ TEST(Collections, ArrayOperations) {
   EXPECT_EQ((Array{1, Value::null(), shared, twin}), arrayByRemovingObjectsInArray(array, Array{"x", 2}));
   EXPECT_EQ((Array{1, "x", shared, 2.0, twin, "x"}), filteredArrayByRemovingNullValues(array));
   EXPECT_EQ((Array{"x", "x"}), filteredArrayUsingPredicateBlock(array, [](const Value& v) { return v.isString(); }));
-
-  const Array nothing = arrayByPerformingBlock(array, [](const Value&) { return std::nullopt; });
-  EXPECT_EQ(array.size(), nothing.size());
-  EXPECT_TRUE(std::all_of(nothing.begin(), nothing.end(), [](const Value& v) { return v.isNull(); }));
+  EXPECT_EQ(Array(array.size(), Value::null()), arrayByPerformingBlock(array, [](const Value&) { return std::nullopt; }));
   EXPECT_EQ((Array{"a", Value::null(), "b"}),
             arrayByPerformingSelector(Array{make<Named>("a"), 3, Value::dictionary({{"name", "b"}})}, "name"));
-
-  EXPECT_TRUE(hasPrefix(array, Array{}));
-  EXPECT_TRUE(hasPrefix(array, Array{1.0, "x"}));
-  EXPECT_FALSE(hasPrefix(array, Array{"x"}));
+  for (const auto& [prefix, expected] : {std::pair{Array{}, true}, {Array{1.0, "x"}, true}, {Array{"x"}, false}})
+    EXPECT_EQ(expected, hasPrefix(array, prefix));
   EXPECT_FALSE(hasPrefix(Array{1}, Array{1, 2}));
 
   const Dictionary groups =
@@ -201,24 +185,19 @@ TEST(Collections, ArrayOperations) {
         if (!v.isNumber()) return std::nullopt;
         return Value(v.integerValue() % 2 == 0 ? "even" : "odd");
       });
-  ASSERT_EQ(3u, groups.size());
+  EXPECT_EQ((Dictionary{{"odd", Value::array({1, 3})}, {"even", Value::array({2, 4})},
+                        {Value::null(), Value::array({"five"})}}),
+            groups);
   EXPECT_EQ(Value("odd"), groups.begin()->first);
-  EXPECT_EQ(Value::array({1, 3}), groups.at("odd"));
-  EXPECT_EQ(Value::array({2, 4}), groups.at("even"));
-  EXPECT_EQ(Value::array({"five"}), groups.at(Value::null()));
 }
 
 TEST(Collections, InPlaceArrayOperations) {
-  const uint32_t seed = std::random_device()();
-  std::mt19937 rng(seed);
-  for (size_t size = 0; size < 8; ++size) {
-    Array array;
-    for (size_t i = 0; i < size; ++i) array.emplace_back(static_cast<int64_t>(rng() % 100));
+  Array array;
+  for (int64_t size = 0; size < 8; ++size, array.emplace_back(size * 7 % 5)) {
     Array reversed = array;
     reverse(reversed);
-    EXPECT_EQ(reversedArray(array), reversed) << "seed " << seed;
+    EXPECT_EQ(reversedArray(array), reversed);
   }
-
   Array numbers{1, 2, 3, 4, 5};
   filterUsingPredicateBlock(numbers, [](const Value& v) { return v.integerValue() != 3; });
   EXPECT_EQ((Array{1, 2, 4, 5}), numbers);
@@ -248,17 +227,13 @@ TEST(Collections, SetAndDictionaryOperations) {
 
   const Dictionary dictionary =
       Value::dictionary({{"flag", true}, {"count", 7}, {"ratio", 2.5}, {"text", "12"}, {"again", 7}}).dictionary();
-  EXPECT_TRUE(boolValueForKeyDefaultValue(dictionary, "flag", false));
-  EXPECT_TRUE(boolValueForKeyDefaultValue(dictionary, "ratio", false));
-  EXPECT_TRUE(boolValueForKeyDefaultValue(dictionary, "missing", true));
-  EXPECT_FALSE(boolValueForKeyDefaultValue(dictionary, "text", false));
-  EXPECT_EQ(7, integerValueForKeyDefaultValue(dictionary, "count", -1));
-  EXPECT_EQ(2, integerValueForKeyDefaultValue(dictionary, "ratio", -1));
-  EXPECT_EQ(-1, integerValueForKeyDefaultValue(dictionary, "text", -1));
-  EXPECT_EQ(2.5, doubleValueForKeyDefaultValue(dictionary, "ratio", 0));
-  EXPECT_EQ(1.0, doubleValueForKeyDefaultValue(dictionary, "flag", 0));
-  EXPECT_EQ(0.5, doubleValueForKeyDefaultValue(dictionary, "missing", 0.5));
-
+  for (const auto& [key, b, i, d] : {std::tuple{"flag", true, int64_t{1}, 1.0}, {"count", true, int64_t{7}, 7.0},
+                                     {"ratio", true, int64_t{2}, 2.5}, {"text", false, int64_t{-1}, -1.0},
+                                     {"missing", true, int64_t{-1}, -1.0}}) {
+    EXPECT_EQ(b, boolValueForKeyDefaultValue(dictionary, key, std::string_view(key) == "missing")) << key;
+    EXPECT_EQ(i, integerValueForKeyDefaultValue(dictionary, key, -1)) << key;
+    EXPECT_EQ(d, doubleValueForKeyDefaultValue(dictionary, key, -1)) << key;
+  }
   const Dictionary reversed = dictionaryByReversingObjectsAndKeys(dictionary);
   EXPECT_EQ(4u, reversed.size());
   EXPECT_EQ(Value("again"), reversed.at(7));

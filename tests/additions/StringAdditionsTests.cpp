@@ -10,26 +10,22 @@
 namespace loomwork {
 namespace {
 
-TEST(StringAdditions, CStyleEscapes) {
-  EXPECT_EQ("\\\\n", stringByAddingCStyleEscapes("\\n"));
-  EXPECT_EQ("\\a\\b\\f\\n\\r\\t\\v\\'\\\"\\?", stringByAddingCStyleEscapes("\a\b\f\n\r\t\v'\"?"));
-  EXPECT_EQ("plain \xC3\xA9 text", stringByAddingCStyleEscapes("plain \xC3\xA9 text"));
-  EXPECT_EQ(std::string("\0\x01", 2), stringByAddingCStyleEscapes(std::string_view("\0\x01", 2)));
-  EXPECT_EQ("", stringByAddingCStyleEscapes(""));
-}
-
-TEST(StringAdditions, RepetitionSpacesAndKeyPaths) {
+TEST(StringAdditions, CStyleEscapesRepetitionAndSpaces) {
+  const std::pair<std::string_view, std::string> escapes[] = {
+      {"\\n", "\\\\n"}, {"\a\b\f\n\r\t\v'\"?", "\\a\\b\\f\\n\\r\\t\\v\\'\\\"\\?"},
+      {"plain \xC3\xA9 text", "plain \xC3\xA9 text"}, {std::string_view("\0\x01", 2), std::string("\0\x01", 2)},
+      {"", ""}};
+  for (const auto& [input, expected] : escapes) EXPECT_EQ(expected, stringByAddingCStyleEscapes(input));
   EXPECT_EQ("ababab", stringByRepeatingNumberOfTimes("ab", 3));
   EXPECT_EQ("", stringByRepeatingNumberOfTimes("ab", 0));
   EXPECT_EQ("", stringByRepeatingNumberOfTimes("ab", -2));
   EXPECT_EQ("xx", stringByRepeatingStringCount("x", 2));
-
-  EXPECT_EQ(" ", stringWithSpaces(0));
-  EXPECT_EQ(" ", stringWithSpaces(1));
-  EXPECT_EQ("   ", stringWithSpaces(3));
-  EXPECT_EQ("    ", stringWithSpaces(-4));
+  for (const auto& [count, expected] : {std::pair{0, " "}, {1, " "}, {3, "   "}, {-4, "    "}})
+    EXPECT_EQ(expected, stringWithSpaces(count)) << count;
   EXPECT_EQ("", randomWord());
+}
 
+TEST(StringAdditions, KeyPaths) {
   EXPECT_EQ("a.b", keyPathWithComponents({"a", "b"}));
   EXPECT_EQ("a", keyPathWithComponents({"a"}));
   EXPECT_EQ(std::nullopt, keyPathWithComponents({}));
@@ -47,11 +43,8 @@ TEST(StringAdditions, UUIDStrings) {
     const std::string uuid = uuidString();
     ASSERT_EQ(36u, uuid.size());
     for (size_t k = 0; k < uuid.size(); ++k) {
-      if (k == 8 || k == 13 || k == 18 || k == 23) {
-        ASSERT_EQ('-', uuid[k]) << uuid;
-      } else {
-        ASSERT_TRUE((uuid[k] >= '0' && uuid[k] <= '9') || (uuid[k] >= 'A' && uuid[k] <= 'F')) << uuid;
-      }
+      const bool dash = k == 8 || k == 13 || k == 18 || k == 23, digit = uuid[k] >= '0' && uuid[k] <= '9';
+      ASSERT_TRUE(dash ? uuid[k] == '-' : digit || (uuid[k] >= 'A' && uuid[k] <= 'F')) << uuid;
     }
     EXPECT_EQ('4', uuid[14]) << uuid;  // random version
     seen.insert(uuid);
@@ -63,18 +56,15 @@ TEST(StringAdditions, OrdinalsFromDefaultsOncePerProcess) {
   // First use from several threads at once builds each list exactly once.
   std::vector<std::thread> threads;
   std::vector<std::string> results(8);
-  for (size_t i = 0; i < results.size(); ++i) {
+  for (size_t i = 0; i < results.size(); ++i)
     threads.emplace_back(
         [&, i] { results[i] = i % 2 ? dativeOrdinalStringForNumber(22) : nominativeOrdinalStringForNumber(22); });
-  }
   for (auto& thread : threads) thread.join();
   for (const auto& result : results) EXPECT_EQ("22nd", result);
 
-  EXPECT_EQ("1st", nominativeOrdinalStringForNumber(1));
+  for (const auto& [n, expected] : {std::pair<uint64_t, const char*>{1, "1st"}, {40, "40th"}, {41, "41"}, {0, "0"}})
+    EXPECT_EQ(expected, nominativeOrdinalStringForNumber(n));
   EXPECT_EQ("3rd", ordinalStringForNumber(3));
-  EXPECT_EQ("40th", nominativeOrdinalStringForNumber(40));
-  EXPECT_EQ("41", nominativeOrdinalStringForNumber(41));
-  EXPECT_EQ("0", nominativeOrdinalStringForNumber(0));
   EXPECT_EQ("18446744073709551615", dativeOrdinalStringForNumber(UINT64_MAX));
   EXPECT_EQ("11th", dativeOrdinalStringForNumber(11));
 

@@ -48,9 +48,7 @@ TEST(GraphAlgebra, CompositionIsAssociativeAndActsLikeItsParts) {
     EXPECT_TRUE(sameTransaction(*folded, *grouped)) << folded->description() << grouped->description();
     EXPECT_TRUE(sameTransaction(*folded, *prepended)) << folded->description() << prepended->description();
     EXPECT_TRUE(sameTransaction(*folded, *consumed));
-    for (const auto& entry : folded->operations()) {
-      EXPECT_NE(entry.operation->type(), UGEntityOperationTypeIdentity);
-    }
+    for (const auto& entry : folded->operations()) EXPECT_NE(entry.operation->type(), UGEntityOperationTypeIdentity);
 
     Store composed = start;
     applyTransaction(composed, *folded);

@@ -28,30 +28,25 @@ using Rng = std::mt19937_64;
 
 inline int uniform(Rng& rng, int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); }
 
-struct Record {
-  bool live = false;
-  std::map<std::string, Value> properties;
-  std::map<std::string, Array> lists;
-};
+struct Record { bool live = false; std::map<std::string, Value> properties; std::map<std::string, Array> lists; };
 using Store = std::map<std::string, Record>;  // a missing UUID never existed
 
 inline const std::vector<std::string> kUUIDs = {"U0", "U1", "U2", "U3", "U4", "U5"};
 inline const std::vector<std::string> kProperties = {"a", "b", "c", "d"};
 inline const std::vector<std::string> kRelations = {"r", "s"};
 
+template <class T> const T& pick(Rng& rng, const std::vector<T>& v) {
+  return v[static_cast<size_t>(uniform(rng, 0, static_cast<int>(v.size()) - 1))];
+}
+
 inline std::string entityNameFor(const std::string& uuid) { return "Kind" + uuid; }
 
 inline Value randomValue(Rng& rng) {
-  switch (uniform(rng, 0, 4)) {
-    case 0:
-      return Value::null();
-    case 1:
-      return Value(std::string(1, static_cast<char>('x' + uniform(rng, 0, 2))));
-    case 2:
-      return Value::set({Value(uniform(rng, 0, 2)), Value("m")});
-    default:
-      return Value(uniform(rng, 0, 3));
-  }
+  const int kind = uniform(rng, 0, 4);
+  if (kind == 0) return Value::null();
+  if (kind == 1) return Value(std::string(1, static_cast<char>('x' + uniform(rng, 0, 2))));
+  if (kind == 2) return Value::set({Value(uniform(rng, 0, 2)), Value("m")});
+  return Value(uniform(rng, 0, 3));
 }
 
 inline void applyOperation(Record& record, const UGEntityOperation& operation) {
@@ -74,9 +69,8 @@ inline std::string observable(const Store& store) {
     if (!record.live) continue;
     text += uuid + " {";
     for (const auto& [name, value] : record.properties) text += " " + name + "=" + value.description();
-    for (const auto& [name, list] : record.lists) {
+    for (const auto& [name, list] : record.lists)
       if (!list.empty()) text += " " + name + "=" + Value(list).description();
-    }
     text += " }\n";
   }
   return text;
@@ -86,17 +80,15 @@ inline std::string observable(const Store& store) {
 inline int64_t nextElement = 1000;
 
 inline Array editedList(Rng& rng, Array list) {
-  for (int n = uniform(rng, 0, 2); n > 0 && !list.empty(); --n) {
+  for (int n = uniform(rng, 0, 2); n > 0 && !list.empty(); --n)
     list.erase(list.begin() + uniform(rng, 0, static_cast<int>(list.size()) - 1));
-  }
   if (list.size() > 1 && uniform(rng, 0, 1) == 0) {
     Value moved = list.front();
     list.erase(list.begin());
     list.insert(list.begin() + uniform(rng, 0, static_cast<int>(list.size())), moved);
   }
-  for (int n = uniform(rng, 0, 2); n > 0; --n) {
+  for (int n = uniform(rng, 0, 2); n > 0; --n)
     list.insert(list.begin() + uniform(rng, 0, static_cast<int>(list.size())), Value(nextElement++));
-  }
   return list;
 }
 
@@ -106,18 +98,14 @@ inline Store randomStore(Rng& rng) {
     if (uniform(rng, 0, 1) == 0) continue;
     Record& record = store[uuid];
     record.live = true;
-    for (const auto& name : kProperties) {
+    for (const auto& name : kProperties)
       if (uniform(rng, 0, 1) == 0) record.properties[name] = randomValue(rng);
-    }
     for (const auto& name : kRelations) record.lists[name] = editedList(rng, {});
   }
   return store;
 }
 
-struct GeneratorOptions {
-  bool relations = true;
-  int maxOperations = 3;
-};
+struct GeneratorOptions { bool relations = true; int maxOperations = 3; };
 
 // A random sequence of `count` transactions valid from `start` (see above).
 inline std::vector<Ref<UGMutableTransaction>> randomSequence(Rng& rng, const Store& start, int count,
@@ -129,17 +117,16 @@ inline std::vector<Ref<UGMutableTransaction>> randomSequence(Rng& rng, const Sto
     auto transaction = UGMutableTransaction::transaction();
     transaction->setContainsMutableOperations(uniform(rng, 0, 1) == 1);
     for (int n = uniform(rng, 0, options.maxOperations); n > 0; --n) {
-      const std::string& uuid = kUUIDs[static_cast<size_t>(uniform(rng, 0, static_cast<int>(kUUIDs.size()) - 1))];
+      const std::string& uuid = pick(rng, kUUIDs);
       if (transaction->operationForUUID(uuid)) continue;
       Record& record = scratch[uuid];
       std::vector<UGEntityOperationType> allowed = {UGEntityOperationTypeIdentity};
       if (record.live) allowed.insert(allowed.end(), {UGEntityOperationTypeUpdate, UGEntityOperationTypeDelete});
       if (!record.live && !created[uuid] && !updated[uuid]) allowed.push_back(UGEntityOperationTypeCreate);
-      const auto type = allowed[static_cast<size_t>(uniform(rng, 0, static_cast<int>(allowed.size()) - 1))];
+      const auto type = pick(rng, allowed);
       auto operation = make<UGMutableEntityOperation>(type, entityNameFor(uuid));
-      for (const auto& name : kProperties) {
+      for (const auto& name : kProperties)
         if (uniform(rng, 0, 2) == 0) operation->setValueForProperty(randomValue(rng), name);
-      }
       for (const auto& name : kRelations) {
         if (!options.relations || uniform(rng, 0, 2) != 0) continue;
         const Array& old = record.lists[name];
@@ -159,27 +146,23 @@ inline std::vector<Ref<UGMutableTransaction>> randomSequence(Rng& rng, const Sto
 // Content equality of operations regardless of dictionary order; transforms
 // compare by their changes.
 inline bool sameOperation(const UGEntityOperation& a, const UGEntityOperation& b, bool relations = true) {
-  if (a.type() != b.type() || a.entityName() != b.entityName()) return false;
-  if (a.properties().size() != b.properties().size()) return false;
-  for (const auto& [name, value] : a.properties()) {
-    auto other = b.valueForProperty(name);
-    if (!other || !(*other == value)) return false;
-  }
-  if (!relations) return true;
-  if (a.relationTransforms().size() != b.relationTransforms().size()) return false;
-  for (const auto& [name, transform] : a.relationTransforms()) {
-    auto other = b.transformForRelation(name);
-    if (!other || !transform->isEqualToTestChanges(other->testChanges())) return false;
-  }
+  if (a.type() != b.type() || a.entityName() != b.entityName() || a.properties().size() != b.properties().size() ||
+      (relations && a.relationTransforms().size() != b.relationTransforms().size()))
+    return false;
+  for (const auto& [name, value] : a.properties())
+    if (auto other = b.valueForProperty(name); !other || !(*other == value)) return false;
+  for (const auto& [name, transform] : a.relationTransforms())
+    if (auto other = b.transformForRelation(name);
+        relations && (!other || !transform->isEqualToTestChanges(other->testChanges())))
+      return false;
   return true;
 }
 
 inline bool sameTransaction(const UGTransaction& a, const UGTransaction& b, bool relations = true) {
   if (a.count() != b.count()) return false;
-  for (const auto& entry : a.operations()) {
-    auto other = b.operationForUUID(entry.uuid);
-    if (!other || !sameOperation(*entry.operation, *other, relations)) return false;
-  }
+  for (const auto& entry : a.operations())
+    if (auto other = b.operationForUUID(entry.uuid); !other || !sameOperation(*entry.operation, *other, relations))
+      return false;
   return true;
 }
 

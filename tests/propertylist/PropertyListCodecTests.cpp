@@ -15,27 +15,10 @@ using ::testing::HasSubstr;
 using testing::sameValue;
 using testing::trailerOf;
 
-Data binary(const Value& v) {
-  std::string error;
-  auto data = dataFromPropertyList(v, PropertyListFormat::Binary, &error);
-  EXPECT_TRUE(data) << error;
-  return data.value_or(Data{});
-}
+using testing::read;
+using testing::readText;
 
-std::string xml(const Value& v) {
-  std::string error;
-  auto data = dataFromPropertyList(v, PropertyListFormat::XML, &error);
-  EXPECT_TRUE(data) << error;
-  return data ? std::string(data->begin(), data->end()) : std::string();
-}
-
-std::optional<Value> read(std::span<const uint8_t> bytes, std::string* error = nullptr) {
-  return propertyListFromData(bytes, PropertyListMutabilityOption::Immutable, nullptr, error);
-}
-
-std::optional<Value> readText(std::string_view text, std::string* error = nullptr) {
-  return read(std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()), error);
-}
+Data binary(const Value& v) { return testing::write(v, PropertyListFormat::Binary); }
 
 // The object bytes between the header and the offset table.
 Data objectBytes(const Data& file) {
@@ -68,40 +51,23 @@ TEST(PropertyListBinary, WritesTheSmallestEncodings) {
   EXPECT_EQ(std::string(one.begin(), one.begin() + 8), "bplist00");
   EXPECT_EQ(objectBytes(one), (Data{0x10, 0x01}));
   auto t = trailerOf(one);
-  EXPECT_EQ(t.offsetWidth, 1u);
-  EXPECT_EQ(t.refWidth, 1u);
-  EXPECT_EQ(t.count, 1u);
-  EXPECT_EQ(t.top, 0u);
-  EXPECT_EQ(t.tableOffset, 10u);
+  EXPECT_EQ(std::tuple(t.offsetWidth, t.refWidth, t.count, t.top, t.tableOffset), std::tuple(1u, 1u, 1u, 0u, 10u));
 
   struct Case {
     Value value;
     Data bytes;
   };
   const Case cases[] = {
-      {Value(255), {0x10, 0xFF}},
-      {Value(256), {0x11, 0x01, 0x00}},
-      {Value(65536), {0x12, 0x00, 0x01, 0x00, 0x00}},
+      {Value(255), {0x10, 0xFF}}, {Value(256), {0x11, 0x01, 0x00}}, {Value(65536), {0x12, 0x00, 0x01, 0x00, 0x00}},
       {Value(int64_t{1} << 32), {0x13, 0, 0, 0, 1, 0, 0, 0, 0}},
       {Value(-1), {0x13, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},
-      {Value(INT64_MIN), {0x13, 0x80, 0, 0, 0, 0, 0, 0, 0}},
-      {Value(true), {0x09}},
-      {Value(false), {0x08}},
+      {Value(INT64_MIN), {0x13, 0x80, 0, 0, 0, 0, 0, 0, 0}}, {Value(true), {0x09}}, {Value(false), {0x08}},
       {Value(1.5), {0x23, 0x3F, 0xF8, 0, 0, 0, 0, 0, 0}},
-      {Value::date(978307200.0 + 1.0), {0x33, 0x3F, 0xF0, 0, 0, 0, 0, 0, 0}},
-      {Value("abc"), {0x53, 'a', 'b', 'c'}},
-      {Value(""), {0x50}},
-      {Value("\xC3\xA9"), {0x61, 0x00, 0xE9}},
+      {Value::date(978307200.0 + 1.0), {0x33, 0x3F, 0xF0, 0, 0, 0, 0, 0, 0}}, {Value("abc"), {0x53, 'a', 'b', 'c'}},
+      {Value(""), {0x50}}, {Value("\xC3\xA9"), {0x61, 0x00, 0xE9}},
       {Value("\xF0\x9F\x98\x80"), {0x62, 0xD8, 0x3D, 0xDE, 0x00}},
-      {Value(std::string(15, 'x')),
-       [] {
-         Data d = {0x5F, 0x10, 0x0F};
-         d.insert(d.end(), 15, 'x');
-         return d;
-       }()},
-      {Value::data({1, 2}), {0x42, 1, 2}},
-      {Value(Array{}), {0xA0}},
-      {Value(Dictionary{}), {0xD0}},
+      {Value(std::string(3, 'x') + std::string(12, 'y')), {0x5F, 0x10, 0x0F, 'x', 'x', 'x', 'y', 'y', 'y', 'y', 'y', 'y', 'y', 'y', 'y', 'y', 'y', 'y'}},
+      {Value::data({1, 2}), {0x42, 1, 2}}, {Value(Array{}), {0xA0}}, {Value(Dictionary{}), {0xD0}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.value.description());
@@ -168,8 +134,7 @@ TEST(PropertyListBinary, ReadsEveryWidthOtherWritersUse) {
     std::optional<Value> expected;  // absent: the file must be refused
   };
   const Case cases[] = {
-      {{0x10, 0xFF}, Value(255)},
-      {{0x11, 0xFF, 0xFF}, Value(65535)},
+      {{0x10, 0xFF}, Value(255)}, {{0x11, 0xFF, 0xFF}, Value(65535)},
       {{0x12, 0xFF, 0xFF, 0xFF, 0xFF}, Value(int64_t{4294967295})},
       {{0x13, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFE}, Value(-2)},
       // 16-byte integers: negative, positive within range, beyond it.
@@ -181,13 +146,10 @@ TEST(PropertyListBinary, ReadsEveryWidthOtherWritersUse) {
       {{0x14, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 0, 0, 0, 0, 0, 0, 0}, std::nullopt},
       {{0x15, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1},
        std::nullopt},
-      {{0x22, 0x3F, 0xC0, 0, 0}, Value(1.5)},
-      {{0x23, 0xBF, 0xF8, 0, 0, 0, 0, 0, 0}, Value(-1.5)},
-      {{0x21, 0x3F, 0xC0}, std::nullopt},
-      {{0x33, 0, 0, 0, 0, 0, 0, 0, 0}, Value::date(978307200.0)},
+      {{0x22, 0x3F, 0xC0, 0, 0}, Value(1.5)}, {{0x23, 0xBF, 0xF8, 0, 0, 0, 0, 0, 0}, Value(-1.5)},
+      {{0x21, 0x3F, 0xC0}, std::nullopt}, {{0x33, 0, 0, 0, 0, 0, 0, 0, 0}, Value::date(978307200.0)},
       {{0x5F, 0x10, 0x01, 'q'}, Value("q")},  // a count that could have been in the marker
-      {{0x5F, 0x13, 0, 0, 0, 0, 0, 0, 0, 0x01, 'q'}, Value("q")},
-      {{0x61, 0x00, 0x41}, Value("A")},
+      {{0x5F, 0x13, 0, 0, 0, 0, 0, 0, 0, 0x01, 'q'}, Value("q")}, {{0x61, 0x00, 0x41}, Value("A")},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(::testing::PrintToString(c.object));
@@ -209,51 +171,23 @@ TEST(PropertyListBinary, ReadsEveryWidthOtherWritersUse) {
 
 TEST(PropertyListXML, WritesTheStandardDocument) {
   Value v = Value::dictionary({
-      {"a&b", Value::array({1, -2, 0.5, true, false})},
-      {"text", "<tag> & \"q\" \r\n\ttab"},
-      {"when", Value::date(1e9 + 0.75)},
-      {"bytes", Value::data(Data(61, 0xAB))},
+      {"a&b", Value::array({1, -2, 0.5, true, false})}, {"text", "<tag> & \"q\" \r\n\ttab"},
+      {"when", Value::date(1e9 + 0.75)}, {"bytes", Value::data(Data(61, 0xAB))},
       {"empty", Value::array({Value(Array{}), Value(Dictionary{}), Value::data({})})},
       {"reals", Value::array({1.0, 1e300, -std::numeric_limits<double>::infinity()})},
   });
-  EXPECT_EQ(xml(v),
+  const Data written = testing::write(v, PropertyListFormat::XML);
+  EXPECT_EQ(std::string(written.begin(), written.end()),
             "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-            "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
-            "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
-            "<plist version=\"1.0\">\n"
-            "<dict>\n"
-            "\t<key>a&amp;b</key>\n"
-            "\t<array>\n"
-            "\t\t<integer>1</integer>\n"
-            "\t\t<integer>-2</integer>\n"
-            "\t\t<real>0.5</real>\n"
-            "\t\t<true/>\n"
-            "\t\t<false/>\n"
-            "\t</array>\n"
-            "\t<key>text</key>\n"
-            "\t<string>&lt;tag&gt; &amp; \"q\" &#13;\n\ttab</string>\n"
-            "\t<key>when</key>\n"
-            "\t<date>2001-09-09T01:46:40Z</date>\n"
-            "\t<key>bytes</key>\n"
-            "\t<data>\n"
-            "\tq6urq6urq6urq6urq6urq6urq6urq6urq6urq6urq6urq6urq6urq6urq6urq6urq6ur\n"
-            "\tq6urq6urq6urqw==\n"
-            "\t</data>\n"
-            "\t<key>empty</key>\n"
-            "\t<array>\n"
-            "\t\t<array/>\n"
-            "\t\t<dict/>\n"
-            "\t\t<data>\n"
-            "\t\t</data>\n"
-            "\t</array>\n"
-            "\t<key>reals</key>\n"
-            "\t<array>\n"
-            "\t\t<real>1</real>\n"
-            "\t\t<real>1e+300</real>\n"
-            "\t\t<real>-infinity</real>\n"
-            "\t</array>\n"
-            "</dict>\n"
-            "</plist>\n");
+            "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+            "<plist version=\"1.0\">\n<dict>\n\t<key>a&amp;b</key>\n\t<array>\n\t\t<integer>1</integer>\n"
+            "\t\t<integer>-2</integer>\n\t\t<real>0.5</real>\n\t\t<true/>\n\t\t<false/>\n\t</array>\n"
+            "\t<key>text</key>\n\t<string>&lt;tag&gt; &amp; \"q\" &#13;\n\ttab</string>\n\t<key>when</key>\n"
+            "\t<date>2001-09-09T01:46:40Z</date>\n\t<key>bytes</key>\n\t<data>\n"
+            "\tq6urq6urq6urq6urq6urq6urq6urq6urq6urq6urq6urq6urq6urq6urq6urq6urq6ur\n\tq6urq6urq6urqw==\n"
+            "\t</data>\n\t<key>empty</key>\n\t<array>\n\t\t<array/>\n\t\t<dict/>\n\t\t<data>\n\t\t</data>\n"
+            "\t</array>\n\t<key>reals</key>\n\t<array>\n\t\t<real>1</real>\n\t\t<real>1e+300</real>\n"
+            "\t\t<real>-infinity</real>\n\t</array>\n</dict>\n</plist>\n");
 }
 
 TEST(PropertyListXML, ReadsTheFormsOtherWritersProduce) {
@@ -267,18 +201,15 @@ TEST(PropertyListXML, ReadsTheFormsOtherWritersProduce) {
     Value expected;
   };
   const Case cases[] = {
-      {doc("<integer> 0x1F </integer>"), Value(31)},
-      {doc("<integer>-9223372036854775808</integer>"), Value(INT64_MIN)},
+      {doc("<integer> 0x1F </integer>"), Value(31)}, {doc("<integer>-9223372036854775808</integer>"), Value(INT64_MIN)},
       {doc("<integer>+7</integer>"), Value(7)},
       {doc("<real>+infinity</real>"), Value(std::numeric_limits<double>::infinity())},
       {doc("<real>inf</real>"), Value(std::numeric_limits<double>::infinity())},
       {doc("<real>-1e400</real>"), Value(-std::numeric_limits<double>::infinity())},
-      {doc("<real>1e-400</real>"), Value(0.0)},
-      {doc("<real>3</real>"), Value(3.0)},
+      {doc("<real>1e-400</real>"), Value(0.0)}, {doc("<real>3</real>"), Value(3.0)},
       {doc("<date>2001-01-01T00:00:00.5Z</date>"), Value::date(978307200.5)},
       {doc("<date>0001-01-01T00:00:00Z</date>"), Value::date(-62135596800.0)},
-      {doc("<data>AA\n  E=</data>"), Value::data({0, 1})},
-      {doc("<string/>"), Value("")},
+      {doc("<data>AA\n  E=</data>"), Value::data({0, 1})}, {doc("<string/>"), Value("")},
       {doc("<string><![CDATA[<a&b>]]>&#x1F600;&amp;</string>"), Value("<a&b>\xF0\x9F\x98\x80&")},
       {doc("<!-- note --><dict><key>k</key><!-- x --><true/><key>k</key><false/></dict>"),
        Value::dictionary({{"k", false}})},
@@ -314,11 +245,9 @@ TEST(PropertyListCodec, ValuesTheFormatsCannotHoldFailWithAText) {
   for (size_t i = 0; i < kPropertyListMaximumDepth; ++i) deep = Value::array({deep});
   Value tooDeep = Value::dictionary({{"k", deep}});
   const std::pair<Value, const char*> cases[] = {
-      {Value::null(), "cannot hold a null value"},
-      {Value::array({1, Value::set({1})}), "cannot hold a set"},
+      {Value::null(), "cannot hold a null value"}, {Value::array({1, Value::set({1})}), "cannot hold a set"},
       {Value::dictionary({{"o", Value(make<Thing>())}}), "cannot hold an object reference"},
-      {Value::dictionary({{Value(1), "one"}}), "keys must be strings"},
-      {tooDeep, "nests deeper than 512 levels"},
+      {Value::dictionary({{Value(1), "one"}}), "keys must be strings"}, {tooDeep, "nests deeper than 512 levels"},
       {Value("bad \xC3"), "not valid UTF-8"},
       {Value("\xED\xA0\x80"), "not valid UTF-8"},  // an encoded surrogate
   };
@@ -338,8 +267,7 @@ TEST(PropertyListCodec, ValuesTheFormatsCannotHoldFailWithAText) {
   }
   // What only XML cannot carry.
   const std::pair<Value, const char*> xmlCases[] = {
-      {Value("a\x01"), "cannot hold the character U+0001"},
-      {Value("\xEF\xBF\xBF"), "cannot hold the character U+FFFF"},
+      {Value("a\x01"), "cannot hold the character U+0001"}, {Value("\xEF\xBF\xBF"), "cannot hold the character U+FFFF"},
       {Value::date(-62167219201.0), "outside the years 0000 to 9999"},
       {Value::date(std::numeric_limits<double>::quiet_NaN()), "outside the years"},
   };

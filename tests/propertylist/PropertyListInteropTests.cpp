@@ -21,11 +21,7 @@ namespace fs = std::filesystem;
 std::string hex(const void* bytes, size_t n) {
   static const char kDigits[] = "0123456789abcdef";
   std::string out;
-  for (size_t i = 0; i < n; ++i) {
-    auto b = static_cast<const uint8_t*>(bytes)[i];
-    out += kDigits[b >> 4];
-    out += kDigits[b & 15];
-  }
+  for (size_t i = 0; i < n; ++i) out += {kDigits[static_cast<const uint8_t*>(bytes)[i] >> 4], kDigits[static_cast<const uint8_t*>(bytes)[i] & 15]};
   return out;
 }
 
@@ -63,20 +59,12 @@ void appendPython(std::string& out, const Value& v) {
       return;
     case Value::Kind::Array:
       out += '[';
-      for (const Value& element : v.array()) {
-        appendPython(out, element);
-        out += ", ";
-      }
+      for (const Value& element : v.array()) appendPython(out, element), out += ", ";
       out += ']';
       return;
     case Value::Kind::Dictionary:
       out += '{';
-      for (const auto& [key, value] : v.dictionary()) {
-        appendPython(out, key);
-        out += ": ";
-        appendPython(out, value);
-        out += ", ";
-      }
+      for (const auto& [key, value] : v.dictionary()) appendPython(out, key), out += ": ", appendPython(out, value), out += ", ";
       out += '}';
       return;
     default:
@@ -129,9 +117,8 @@ TEST(PropertyListInterop, PythonPlistlibReadsWhatWeWriteAndWritesWhatWeRead) {
       // is exact for fractions of a second only near 1970.
       testing::PlistGenerator outward(seed, {.xmlSafe = isXML, .maximumDepth = 5, .narrowDates = !isXML});
       Value sent = outward.value();
-      auto bytes = dataFromPropertyList(sent, format);
-      ASSERT_TRUE(bytes);
-      writeFile(dir / ("out-" + tag), bytes->data(), bytes->size());
+      Data bytes = testing::write(sent, format);
+      writeFile(dir / ("out-" + tag), bytes.data(), bytes.size());
       manifest << "check " << (dir / ("out-" + tag)).string() << ' ' << addExpression("out-" + tag + ".py", sent)
                << '\n';
       // Python to ours.
@@ -147,9 +134,8 @@ TEST(PropertyListInterop, PythonPlistlibReadsWhatWeWriteAndWritesWhatWeRead) {
   Array many;
   for (int64_t i = 0; i < 70000; ++i) many.push_back(Value(i * 3 - 1000));
   Value large(std::move(many));
-  auto largeBytes = dataFromPropertyList(large, PropertyListFormat::Binary);
-  ASSERT_TRUE(largeBytes);
-  writeFile(dir / "out-large", largeBytes->data(), largeBytes->size());
+  Data largeBytes = testing::write(large, PropertyListFormat::Binary);
+  writeFile(dir / "out-large", largeBytes.data(), largeBytes.size());
   manifest << "check " << (dir / "out-large").string() << ' ' << addExpression("large.py", large) << '\n';
   manifest << "write binary " << (dir / "in-large").string() << ' ' << (dir / "large.py").string() << '\n';
   incoming.push_back({dir / "in-large", large, 0});
@@ -167,13 +153,12 @@ TEST(PropertyListInterop, PythonPlistlibReadsWhatWeWriteAndWritesWhatWeRead) {
   for (const Incoming& in : incoming) {
     SCOPED_TRACE("seed " + std::to_string(in.seed) + ", " + in.file.filename().string());
     std::string error;
-    auto value = propertyListFromData(readFile(in.file), PropertyListMutabilityOption::Immutable, nullptr, &error);
+    auto value = testing::read(readFile(in.file), &error);
     ASSERT_TRUE(value) << error;
     EXPECT_EQ(testing::differenceBetween(*value, in.expected), "");
   }
   std::string error;
-  EXPECT_FALSE(
-      propertyListFromData(readFile(dir / "in-huge"), PropertyListMutabilityOption::Immutable, nullptr, &error));
+  EXPECT_FALSE(testing::read(readFile(dir / "in-huge"), &error));
   EXPECT_EQ(error, "Binary property list has an integer out of range");
 
   fs::remove_all(dir);

@@ -3,13 +3,19 @@
 // the same kinds, the same real bits and the same dictionary order.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <numeric>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "platform/PropertyList.h"
 #include "platform/Value.h"
 
 namespace loomwork::testing {
@@ -33,6 +39,7 @@ class PlistGenerator {
       case 0:
         return Value(pick(2) == 1);
       case 1:
+      case 7:
         return Value(integer());
       case 2:
         return Value(real());
@@ -46,8 +53,6 @@ class PlistGenerator {
         for (auto& b : d) b = static_cast<uint8_t>(random_());
         return Value::data(std::move(d));
       }
-      case 7:
-        return Value(integer());
       case 8: {
         Array a;
         size_t n = pick(static_cast<int>(options_.maximumCount) + 1);
@@ -93,25 +98,8 @@ class PlistGenerator {
   }
 
   std::string string() {
-    static const char* const kPieces[] = {"a",
-                                          "key",
-                                          "t",
-                                          "é",
-                                          "日本",
-                                          "😀",
-                                          "\xF0\x9F\x91\x8D",
-                                          " ",
-                                          "&",
-                                          "<",
-                                          ">",
-                                          "\"",
-                                          "'",
-                                          "]]>",
-                                          "\t",
-                                          "\n",
-                                          "\r",
-                                          "\x7F",
-                                          "\xEF\xBF\xBD",
+    static const char* const kPieces[] = {"a", "key", "t", "é", "日本", "😀", "\xF0\x9F\x91\x8D", " ", "&", "<", ">", "\"",
+                                          "'", "]]>", "\t", "\n", "\r", "\x7F", "\xEF\xBF\xBD",
                                           "com.tarnwick.NSPropertyListSerialization.NSNull"};
     std::string s;
     size_t n = pick(8);
@@ -136,20 +124,14 @@ class PlistGenerator {
 // Where two values differ in kind, scalar bits (reals and dates), order or
 // content, as a path such as "$[2][\"key\"]"; empty when they are the same.
 inline std::string differenceBetween(const Value& a, const Value& b, const std::string& path = "$") {
-  auto bitsOf = [](double d) {
-    uint64_t bits;
-    std::memcpy(&bits, &d, sizeof bits);
-    return bits;
-  };
+  auto bitsOf = [](double d) { return std::bit_cast<uint64_t>(d); };
   std::string here = path + ": " + a.description() + " / " + b.description();
   if (a.kind() != b.kind()) return here;
   switch (a.kind()) {
     case Value::Kind::Real:
       return bitsOf(a.doubleValue()) == bitsOf(b.doubleValue()) ? "" : here;
     case Value::Kind::Date:
-      return bitsOf(a.dateValue()) == bitsOf(b.dateValue())
-                 ? ""
-                 : here + " (" + std::to_string(a.dateValue()) + " / " + std::to_string(b.dateValue()) + ")";
+      return bitsOf(a.dateValue()) == bitsOf(b.dateValue()) ? "" : here + " (" + std::to_string(a.dateValue()) + ")";
     case Value::Kind::Array: {
       const Array &x = a.array(), &y = b.array();
       if (x.size() != y.size()) return here;
@@ -211,12 +193,23 @@ struct BinaryTrailer {
 
 inline BinaryTrailer trailerOf(const Data& file) {
   const uint8_t* t = file.data() + file.size() - 32;
-  auto get = [](const uint8_t* p) {
-    uint64_t v = 0;
-    for (int i = 0; i < 8; ++i) v = (v << 8) | p[i];
-    return v;
-  };
+  auto get = [](const uint8_t* p) { return std::accumulate(p, p + 8, uint64_t{0}, [](uint64_t v, uint8_t b) { return (v << 8) | b; }); };
   return {t[6], t[7], get(t + 8), get(t + 16), get(t + 24)};
+}
+
+inline std::optional<Value> read(std::span<const uint8_t> bytes, std::string* error = nullptr) {
+  return propertyListFromData(bytes, PropertyListMutabilityOption::Immutable, nullptr, error);
+}
+
+inline std::optional<Value> readText(std::string_view text, std::string* error = nullptr) {
+  return read(std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()), error);
+}
+
+inline Data write(const Value& v, PropertyListFormat format) {
+  std::string error;
+  auto data = dataFromPropertyList(v, format, &error);
+  EXPECT_TRUE(data) << error;
+  return data.value_or(Data{});
 }
 
 }  // namespace loomwork::testing

@@ -1,12 +1,6 @@
 #!/usr/bin/env python3
-"""Python's plistlib as a peer of the property-list codec.
-
-Reads a manifest of jobs, one a line:
-  check <plist file> <expression file>   load the plist, compare it with the expression's value
-  write <binary|xml> <plist file> <expression file>   write the expression's value with plistlib
-An expression file holds a Python expression over the helpers below. Prints one
-line per failed job and exits with 1 when any failed.
-"""
+"""plistlib as a peer of the codec. Manifest lines: `check <plist> <expr>` compares the loaded plist with the
+expression's value; `write <binary|xml> <plist> <expr>` dumps it. Prints failed jobs; exits 1 if any."""
 import datetime
 import plistlib
 import struct
@@ -25,26 +19,12 @@ def difference(a, b, path='$'):
     """None when a and b are the same in kind, order and bits; else where they differ."""
     if type(a) is not type(b):
         return f'{path}: {type(a).__name__} != {type(b).__name__}'
-    if isinstance(a, list):
-        if len(a) != len(b):
-            return f'{path}: {len(a)} elements != {len(b)}'
-        for i, (x, y) in enumerate(zip(a, b)):
-            found = difference(x, y, f'{path}[{i}]')
-            if found:
-                return found
-        return None
-    if isinstance(a, dict):
-        if list(a) != list(b):
-            return f'{path}: keys {list(a)!r} != {list(b)!r}'
-        for key in a:
-            found = difference(a[key], b[key], f'{path}[{key!r}]')
-            if found:
-                return found
-        return None
-    if isinstance(a, float):
-        same = struct.pack('>d', a) == struct.pack('>d', b)
-    else:
-        same = a == b
+    if isinstance(a, (list, dict)):
+        if len(a) != len(b) or (isinstance(a, dict) and list(a) != list(b)):
+            return f'{path}: {a!r} != {b!r}'
+        keys = list(a) if isinstance(a, dict) else range(len(a))
+        return next((d for k in keys if (d := difference(a[k], b[k], f'{path}[{k!r}]'))), None)
+    same = struct.pack('>d', a) == struct.pack('>d', b) if isinstance(a, float) else a == b
     return None if same else f'{path}: {a!r} != {b!r}'
 
 
@@ -63,10 +43,7 @@ def run(job):
 def main():
     failures = 0
     with open(sys.argv[1], encoding='utf-8') as manifest:
-        for line in manifest:
-            job = line.split()
-            if not job:
-                continue
+        for job in filter(None, (line.split() for line in manifest)):
             try:
                 problem = run(job)
             except Exception as error:  # report every kind of failure of the peer
