@@ -17,8 +17,8 @@ const Value& setMarker() {
 }
 
 bool isNullMarker(const Value& v) {
-  const std::string* s = v.tryString();
-  return s != nullptr && *s == kExtendedPropertyListNullMarker;
+  auto s = v.tryString();
+  return s && *s == kExtendedPropertyListNullMarker;
 }
 
 Value translateDictionary(const Value& v, const Dictionary& d, bool forward) {

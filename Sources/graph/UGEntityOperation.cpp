@@ -57,7 +57,7 @@ void appendRendering(std::string& out, const Value& value) {
       out += ", ";
     }
     out += " }";
-  } else if (const std::string* string = value.tryString()) {
+  } else if (auto string = value.tryString()) {
     out += "@\"";
     out += stringByAddingCStyleEscapes(*string);
     out += '"';
@@ -74,8 +74,8 @@ Ref<Operation> readOperation(const Value& plist) {
   // build a key Value.
   const Value *type = nullptr, *name = nullptr, *properties = nullptr;
   for (const auto& [key, value] : *entries) {
-    const std::string* k = key.tryString();
-    if (k == nullptr || k->size() != 1) continue;
+    auto k = key.tryString();
+    if (!k || k->size() != 1) continue;
     if (*k == kPlistType) type = &value;
     if (*k == kPlistEntityName) name = &value;
     if (*k == kPlistProperties) properties = &value;
@@ -85,10 +85,10 @@ Ref<Operation> readOperation(const Value& plist) {
   UGPropertyDictionary values;
   values.reserve(properties->count());
   for (const auto& [key, value] : properties->dictionary()) {
-    if (const std::string* k = key.tryString()) values.insert_or_assign(*k, value);
+    if (auto k = key.tryString()) values.insert_or_assign(std::string(*k), value);
   }
   return make<Operation>(static_cast<UGEntityOperationType>(static_cast<uint64_t>(type->integerValue())),
-                         name->string(), std::move(values));
+                         std::string(name->string()), std::move(values));
 }
 
 // The three keys of the property-list form, made once; Values are immutable

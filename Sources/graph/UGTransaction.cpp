@@ -26,8 +26,8 @@ bool isIdentityOperation(const Ref<UGEntityOperation>& operation) {
 void readPropertyList(UGOperationTable& operations, const Dictionary& plist) {
   operations.reserve(plist.size());
   for (const auto& [key, value] : plist) {
-    const std::string* uuid = key.tryString();
-    if (uuid == nullptr) continue;
+    auto uuid = key.tryString();
+    if (!uuid) continue;
     if (auto operation = UGMutableEntityOperation::initWithExtendedPropertyList(value)) {
       operations.assign(*uuid, std::move(operation));
     }

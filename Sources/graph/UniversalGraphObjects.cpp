@@ -10,7 +10,7 @@ namespace loomwork {
 
 std::string universalGraphUUID(const Object& object) {
   if (std::optional<Value> uuid = object.valueForKey("globalObjectUUID")) {
-    if (const std::string* text = uuid->tryString()) return *text;
+    if (auto text = uuid->tryString()) return std::string(*text);
   }
   // Only the low 32 bits of the address, as a signed number.
   const auto address = static_cast<int32_t>(static_cast<uint32_t>(reinterpret_cast<uintptr_t>(&object)));

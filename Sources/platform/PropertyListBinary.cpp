@@ -230,8 +230,8 @@ class BinaryWriter {
       case Value::Kind::Date:
         return add(v, 0, 9);
       case Value::Kind::String: {
-        const std::string& s = *v.tryString();
-        uint64_t index = strings_.findOrAdd(std::hash<std::string_view>()(s), next,
+        std::string_view s = *v.tryString();
+        uint64_t index = strings_.findOrAdd(v.hash(), next,
                                             [&](uint64_t i) { return *objects_[i].value->tryString() == s; });
         if (index != next) return index;
         if (isASCII(s.data(), s.size())) {
@@ -338,7 +338,7 @@ class BinaryWriter {
           putBigEndian(p, bitsOf(v.dateValue() - kSecondsFrom1970To2001), 8);
           break;
         case Value::Kind::String: {
-          const std::string& s = *v.tryString();
+          std::string_view s = *v.tryString();
           if (entry.aux == 0) {
             putMarkerAndCount(p, kMarkerASCII, s.size());
             std::memcpy(p, s.data(), s.size());

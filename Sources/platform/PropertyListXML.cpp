@@ -59,7 +59,7 @@ class XMLWriter {
   // Appends `s` with the XML special characters escaped. A carriage return is
   // written as a character reference because XML parsers turn a literal one
   // into a line feed.
-  bool appendEscaped(const std::string& s) {
+  bool appendEscaped(std::string_view s) {
     size_t run = 0;
     for (size_t i = 0; i < s.size();) {
       auto c = static_cast<unsigned char>(s[i]);

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "platform/CivilDate.h"
 #include "platform/Exception.h"
@@ -51,7 +52,7 @@ bool isBareStringCharacter(unsigned char c) {
   return std::isalnum(c) || c == '_' || c == '.' || c == '$' || c == '/' || c == ':' || c == '-';
 }
 
-void appendQuoted(std::string& out, const std::string& s) {
+void appendQuoted(std::string& out, std::string_view s) {
   out += '"';
   for (unsigned char c : s) {
     switch (c) {
@@ -119,10 +120,27 @@ size_t ValueHash::operator()(const Value& value) const noexcept { return value.h
 size_t ValueIdentityHash::operator()(const Value& value) const noexcept { return value.identityHash(); }
 bool ValueIdentityEqual::operator()(const Value& a, const Value& b) const noexcept { return a.isIdenticalTo(b); }
 
-Value::Value(const char* s) : storage_(std::make_shared<const std::string>(s ? s : "")) {}
-Value::Value(std::string_view s) : storage_(std::make_shared<const std::string>(s)) {}
-Value::Value(const std::string& s) : storage_(std::make_shared<const std::string>(s)) {}
-Value::Value(std::string&& s) : storage_(std::make_shared<const std::string>(std::move(s))) {}
+namespace detail {
+
+SharedText::SharedText(std::string_view text) {
+  void* block = ::operator new(sizeof(Rep) + text.size() + 1);
+  rep_ = new (block) Rep{{1}, text.size(), {0}};
+  char* chars = reinterpret_cast<char*>(rep_ + 1);
+  if (!text.empty()) std::memcpy(chars, text.data(), text.size());
+  chars[text.size()] = '\0';
+}
+
+size_t SharedText::computeHash() const noexcept {
+  size_t h = std::hash<std::string_view>()(view());
+  rep_->hash.store(h, std::memory_order_relaxed);
+  return h;
+}
+
+}  // namespace detail
+
+Value::Value(const char* s) : storage_(detail::SharedText(s ? std::string_view(s) : std::string_view())) {}
+Value::Value(std::string_view s) : storage_(detail::SharedText(s)) {}
+Value::Value(const std::string& s) : storage_(detail::SharedText(s)) {}
 Value::Value(Array a) : storage_(std::make_shared<const Array>(std::move(a))) {}
 Value::Value(Dictionary d) : storage_(std::make_shared<const Dictionary>(std::move(d))) {}
 Value::Value(Set s) : storage_(std::make_shared<const Set>(std::move(s))) {}
@@ -202,9 +220,9 @@ double Value::dateValue() const {
   return std::get<Date>(storage_).secondsSince1970;
 }
 
-const std::string& Value::string() const {
+std::string_view Value::string() const {
   if (!isString()) wrongKind("a string");
-  return *std::get<std::shared_ptr<const std::string>>(storage_);
+  return std::get<detail::SharedText>(storage_).view();
 }
 const Data& Value::data() const {
   if (!isData()) wrongKind("data");
@@ -227,8 +245,9 @@ const std::shared_ptr<Object>& Value::object() const {
   return std::get<std::shared_ptr<Object>>(storage_);
 }
 
-const std::string* Value::tryString() const noexcept {
-  return isString() ? std::get<std::shared_ptr<const std::string>>(storage_).get() : nullptr;
+std::optional<std::string_view> Value::tryString() const noexcept {
+  if (!isString()) return std::nullopt;
+  return std::get<detail::SharedText>(storage_).view();
 }
 const Data* Value::tryData() const noexcept {
   return isData() ? std::get<std::shared_ptr<const Data>>(storage_).get() : nullptr;
@@ -273,8 +292,9 @@ const void* Value::heapPointer() const noexcept {
   return std::visit(
       [](const auto& alternative) -> const void* {
         using T = std::decay_t<decltype(alternative)>;
-        if constexpr (std::is_same_v<T, std::shared_ptr<const std::string>> ||
-                      std::is_same_v<T, std::shared_ptr<const Data>> ||
+        if constexpr (std::is_same_v<T, detail::SharedText>) {
+          return alternative.identity();
+        } else if constexpr (std::is_same_v<T, std::shared_ptr<const Data>> ||
                       std::is_same_v<T, std::shared_ptr<const Array>> ||
                       std::is_same_v<T, std::shared_ptr<const Dictionary>> ||
                       std::is_same_v<T, std::shared_ptr<const Set>> || std::is_same_v<T, std::shared_ptr<Object>>) {
@@ -379,8 +399,7 @@ size_t Value::hashSlow() const noexcept {
       return mix(bits ^ 0xda7eULL);
     }
     case Kind::String: {
-      const std::string& s = *std::get<std::shared_ptr<const std::string>>(storage_);
-      return std::hash<std::string>()(s);
+      return std::get<detail::SharedText>(storage_).hash();
     }
     case Kind::Data: {
       const Data& d = *std::get<std::shared_ptr<const Data>>(storage_);
@@ -500,7 +519,7 @@ void Value::appendDescription(std::string& out, bool nested) const {
       appendDate(out, std::get<Date>(storage_).secondsSince1970);
       return;
     case Kind::String: {
-      const std::string& s = string();
+      std::string_view s = string();
       if (!nested || (!s.empty() && std::all_of(s.begin(), s.end(), [](char c) {
             return isBareStringCharacter(static_cast<unsigned char>(c));
           }))) {

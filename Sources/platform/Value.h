@@ -1,6 +1,7 @@
 // Value: the dynamic value that every subsystem stores and passes around.
 #pragma once
 
+#include <atomic>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -46,6 +47,54 @@ using Dictionary = tsl::ordered_map<Value, Value, ValueHash, std::equal_to<Value
                                     std::vector<std::pair<Value, Value>>>;
 using Set = tsl::ordered_set<Value, ValueHash, std::equal_to<Value>, std::allocator<Value>, std::vector<Value>>;
 using Data = std::vector<uint8_t>;
+
+namespace detail {
+
+// The storage of a string value: an immutable, reference-counted UTF-8 text
+// held in one heap block (counts, length, cached hash, then the bytes and a
+// terminating NUL). One allocation per string whatever its length, and the
+// hash is computed once per string, however many dictionaries it keys.
+class SharedText {
+ public:
+  explicit SharedText(std::string_view text);
+  SharedText(const SharedText& other) noexcept : rep_(other.rep_) { retain(); }
+  SharedText(SharedText&& other) noexcept : rep_(other.rep_) { other.rep_ = nullptr; }
+  SharedText& operator=(const SharedText& other) noexcept {
+    SharedText copy(other);
+    std::swap(rep_, copy.rep_);
+    return *this;
+  }
+  SharedText& operator=(SharedText&& other) noexcept {
+    std::swap(rep_, other.rep_);
+    return *this;
+  }
+  ~SharedText() { release(); }
+
+  std::string_view view() const noexcept { return {chars(), rep_->size}; }
+  const void* identity() const noexcept { return rep_; }
+  size_t hash() const noexcept {
+    size_t h = rep_->hash.load(std::memory_order_relaxed);
+    return h != 0 ? h : computeHash();
+  }
+
+ private:
+  struct Rep {
+    std::atomic<size_t> references;
+    size_t size;
+    mutable std::atomic<size_t> hash;  // 0 until first asked
+  };
+  const char* chars() const noexcept { return reinterpret_cast<const char*>(rep_ + 1); }
+  void retain() const noexcept {
+    if (rep_ != nullptr) rep_->references.fetch_add(1, std::memory_order_relaxed);
+  }
+  void release() noexcept {
+    if (rep_ != nullptr && rep_->references.fetch_sub(1, std::memory_order_acq_rel) == 1) ::operator delete(rep_);
+  }
+  size_t computeHash() const noexcept;
+  Rep* rep_;
+};
+
+}  // namespace detail
 
 // A date: seconds since 1970-01-01 00:00:00 GMT.
 struct Date {
@@ -96,7 +145,6 @@ class Value {
   Value(const char* s);
   Value(std::string_view s);
   Value(const std::string& s);
-  Value(std::string&& s);
   Value(Array a);
   Value(Dictionary d);
   Value(Set s);
@@ -133,7 +181,7 @@ class Value {
   int64_t integerValue() const;  // any number; reals are truncated
   double doubleValue() const;    // any number
   double dateValue() const;      // seconds since 1970
-  const std::string& string() const;
+  std::string_view string() const;
   const Data& data() const;
   const Array& array() const;
   const Dictionary& dictionary() const;
@@ -144,7 +192,7 @@ class Value {
     return isObject() ? std::dynamic_pointer_cast<T>(object()) : nullptr;
   }
 
-  const std::string* tryString() const noexcept;
+  std::optional<std::string_view> tryString() const noexcept;
   const Data* tryData() const noexcept;
   const Array* tryArray() const noexcept;
   const Dictionary* tryDictionary() const noexcept;
@@ -166,15 +214,16 @@ class Value {
     if (a.storage_.index() == b.storage_.index()) {
       if (a.kind() == Kind::Integer) return std::get<int64_t>(a.storage_) == std::get<int64_t>(b.storage_);
       if (a.kind() == Kind::String) {
-        const auto& x = std::get<std::shared_ptr<const std::string>>(a.storage_);
-        const auto& y = std::get<std::shared_ptr<const std::string>>(b.storage_);
-        return x == y || *x == *y;
+        const auto& x = std::get<detail::SharedText>(a.storage_);
+        const auto& y = std::get<detail::SharedText>(b.storage_);
+        return x.identity() == y.identity() || x.view() == y.view();
       }
     }
     return equalValues(a, b);
   }
   size_t hash() const noexcept {
     if (kind() == Kind::Integer) return hashInteger(std::get<int64_t>(storage_));
+    if (kind() == Kind::String) return std::get<detail::SharedText>(storage_).hash();
     return hashSlow();
   }
   static size_t hashInteger(int64_t i) noexcept {
@@ -200,7 +249,7 @@ class Value {
   void appendDescription(std::string& out, bool nested) const;
 
  private:
-  using Storage = std::variant<std::monostate, bool, int64_t, double, Date, std::shared_ptr<const std::string>,
+  using Storage = std::variant<std::monostate, bool, int64_t, double, Date, detail::SharedText,
                                std::shared_ptr<const Data>, std::shared_ptr<const Array>,
                                std::shared_ptr<const Dictionary>, std::shared_ptr<const Set>, std::shared_ptr<Object>>;
   const void* heapPointer() const noexcept;
