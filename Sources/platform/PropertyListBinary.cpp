@@ -453,9 +453,9 @@ class BinaryReader {
     }
     if (!readTrailer()) return std::nullopt;
     findSharedObjects();
-    Value top;
     uint64_t expanded = 0;
-    if (!readObject(top_, 0, top, expanded)) return std::nullopt;
+    Value top = readObject(top_, 0, expanded);
+    if (failed_) return std::nullopt;
     // A file that shares containers stands for a tree that can be far larger
     // than the file. Such a tree is refused, so that code walking the result
     // element by element stays proportional to the bytes received.
@@ -467,8 +467,9 @@ class BinaryReader {
   }
 
  private:
-  static constexpr uint64_t kInProgress = std::numeric_limits<uint64_t>::max();
-  static constexpr uint64_t kSaturated = kInProgress - 1;
+  static constexpr uint64_t kSaturated = std::numeric_limits<uint64_t>::max() - 1;
+
+  static constexpr uint64_t kInProgress = kSaturated + 1;
 
   // An object that the file refers to more than once: decoded on first use,
   // then handed out again.
@@ -479,7 +480,12 @@ class BinaryReader {
 
   bool fail(const char* message) {
     error_ = message;
+    failed_ = true;
     return false;
+  }
+  Value failed(const char* message) {
+    fail(message);
+    return {};
   }
 
   bool readTrailer() {
@@ -575,152 +581,134 @@ class BinaryReader {
     return ref < count_ || fail("Binary property list has an object reference out of range");
   }
 
-  // Decodes object `index` into `out`; `expanded` receives the number of
-  // values in its fully expanded tree.
-  bool readObject(uint64_t index, size_t depth, Value& out, uint64_t& expanded) {
-    SharedObject* shared = nullptr;
-    if (uint32_t slot = shared_[index]) {
-      shared = &sharedObjects_[slot - 1];
-      if (shared->expanded == kInProgress) return fail("Binary property list has a container that contains itself");
-      if (shared->expanded != 0) {
-        out = shared->value;
-        expanded = shared->expanded;
-        return true;
-      }
-      shared->expanded = kInProgress;
+  // Object `index`; `expanded` receives the number of values in its fully
+  // expanded tree. On failure the result is null and failed_ is set.
+  Value readObject(uint64_t index, size_t depth, uint64_t& expanded) {
+    const uint32_t slot = shared_[index];
+    if (slot == 0) return decode(index, depth, expanded);
+    SharedObject& shared = sharedObjects_[slot - 1];
+    if (shared.expanded == kInProgress) return failed("Binary property list has a container that contains itself");
+    if (shared.expanded != 0) {
+      expanded = shared.expanded;
+      return shared.value;
     }
-    if (!decode(index, depth, out, expanded)) return false;
-    if (shared != nullptr) {
-      shared->value = out;
-      shared->expanded = expanded;
-    }
-    return true;
+    shared.expanded = kInProgress;
+    Value value = decode(index, depth, expanded);
+    if (failed_) return {};
+    shared.value = value;
+    shared.expanded = expanded;
+    return value;
   }
 
-  bool decode(uint64_t index, size_t depth, Value& out, uint64_t& expanded) {
+  Value decode(uint64_t index, size_t depth, uint64_t& expanded) {
     uint64_t pos = offsetOf(index);
-    if (pos == 0) return fail("Binary property list has an object offset out of range");
+    if (pos == 0) return failed("Binary property list has an object offset out of range");
     const uint8_t marker = data_[pos++];
     const uint8_t nibble = marker & 0x0F;
     const uint64_t available = tableOffset_ - pos;
     expanded = 1;
     switch (marker & 0xF0) {
       case 0x00:
-        if (marker == kMarkerFalse || marker == kMarkerTrue) {
-          out = Value(marker == kMarkerTrue);
-          return true;
-        }
-        return fail("Binary property list has an object of unsupported type");
+        if (marker == kMarkerFalse || marker == kMarkerTrue) return Value(marker == kMarkerTrue);
+        return failed("Binary property list has an object of unsupported type");
       case kMarkerInteger: {
-        if (nibble > 4) return fail("Binary property list has an object of unsupported type");
+        if (nibble > 4) return failed("Binary property list has an object of unsupported type");
         unsigned width = 1u << nibble;
-        if (width > available) return fail("Binary property list has an object that runs past its end");
+        if (width > available) return failed("Binary property list has an object that runs past its end");
         if (width == 16) {
           // Two's complement over 128 bits: representable when the high half
           // is the sign extension of the low half.
           uint64_t high = getBigEndian(data_ + pos, 8);
           uint64_t low = getBigEndian(data_ + pos + 8, 8);
           uint64_t extension = (low >> 63) ? ~uint64_t{0} : 0;
-          if (high != extension) return fail("Binary property list has an integer out of range");
-          out = Value(static_cast<int64_t>(low));
-        } else {
-          out = Value(static_cast<int64_t>(getBigEndian(data_ + pos, width)));
+          if (high != extension) return failed("Binary property list has an integer out of range");
+          return Value(static_cast<int64_t>(low));
         }
-        return true;
+        return Value(static_cast<int64_t>(getBigEndian(data_ + pos, width)));
       }
       case kMarkerReal: {
-        if (nibble != 2 && nibble != 3) return fail("Binary property list has an object of unsupported type");
+        if (nibble != 2 && nibble != 3) return failed("Binary property list has an object of unsupported type");
         if (available < (nibble == 2 ? 4u : 8u))
-          return fail("Binary property list has an object that runs past its end");
+          return failed("Binary property list has an object that runs past its end");
         if (nibble == 2) {
           uint32_t bits = static_cast<uint32_t>(getBigEndian(data_ + pos, 4));
           float f;
           std::memcpy(&f, &bits, 4);
-          out = Value(static_cast<double>(f));
-        } else {
-          uint64_t bits = getBigEndian(data_ + pos, 8);
-          double d;
-          std::memcpy(&d, &bits, 8);
-          out = Value(d);
+          return Value(static_cast<double>(f));
         }
-        return true;
-      }
-      case 0x30: {
-        if (marker != kMarkerDate) return fail("Binary property list has an object of unsupported type");
-        if (available < 8) return fail("Binary property list has an object that runs past its end");
         uint64_t bits = getBigEndian(data_ + pos, 8);
         double d;
         std::memcpy(&d, &bits, 8);
-        out = Value::date(d + kSecondsFrom1970To2001);
-        return true;
+        return Value(d);
+      }
+      case 0x30: {
+        if (marker != kMarkerDate) return failed("Binary property list has an object of unsupported type");
+        if (available < 8) return failed("Binary property list has an object that runs past its end");
+        uint64_t bits = getBigEndian(data_ + pos, 8);
+        double d;
+        std::memcpy(&d, &bits, 8);
+        return Value::date(d + kSecondsFrom1970To2001);
       }
       case kMarkerData: {
         uint64_t n;
-        if (!readCount(nibble, pos, n) || !checkFits(pos, n, 1)) return false;
-        out = Value::data(Data(data_ + pos, data_ + pos + n));
-        return true;
+        if (!readCount(nibble, pos, n) || !checkFits(pos, n, 1)) return {};
+        return Value::data(Data(data_ + pos, data_ + pos + n));
       }
       case kMarkerASCII: {
         uint64_t n;
-        if (!readCount(nibble, pos, n) || !checkFits(pos, n, 1)) return false;
+        if (!readCount(nibble, pos, n) || !checkFits(pos, n, 1)) return {};
         const char* s = reinterpret_cast<const char*>(data_ + pos);
-        if (!isASCII(s, n)) return fail("Binary property list has a non-ASCII byte in an ASCII string");
-        out = Value(std::string_view(s, n));
-        return true;
+        if (!isASCII(s, n)) return failed("Binary property list has a non-ASCII byte in an ASCII string");
+        return Value(std::string_view(s, n));
       }
       case kMarkerUTF16: {
         uint64_t n;
-        if (!readCount(nibble, pos, n) || !checkFits(pos, n, 2)) return false;
+        if (!readCount(nibble, pos, n) || !checkFits(pos, n, 2)) return {};
         std::string text;
-        if (!decodeUTF16(data_ + pos, n, text)) return fail("Binary property list has invalid UTF-16 text");
-        out = Value(std::move(text));
-        return true;
+        if (!decodeUTF16(data_ + pos, n, text)) return failed("Binary property list has invalid UTF-16 text");
+        return Value(std::move(text));
       }
       case kMarkerArray: {
         uint64_t n;
-        if (depth >= kPropertyListMaximumDepth) return fail("Binary property list nests deeper than 512 levels");
-        if (!readCount(nibble, pos, n) || !checkFits(pos, n, refWidth_)) return false;
+        if (depth >= kPropertyListMaximumDepth) return failed("Binary property list nests deeper than 512 levels");
+        if (!readCount(nibble, pos, n) || !checkFits(pos, n, refWidth_)) return {};
         Array elements;
         elements.reserve(n);
         for (uint64_t i = 0; i < n; ++i) {
           uint64_t ref, elementExpanded;
-          if (!readReference(data_ + pos + i * refWidth_, ref)) return false;
-          elements.emplace_back();
-          if (!readObject(ref, depth + 1, elements.back(), elementExpanded)) return false;
+          if (!readReference(data_ + pos + i * refWidth_, ref)) return {};
+          elements.push_back(readObject(ref, depth + 1, elementExpanded));
+          if (failed_) return {};
           expanded = saturatingAdd(expanded, elementExpanded);
         }
         references_ = saturatingAdd(references_, n);
-        out = Value(std::move(elements));
-        return true;
+        return Value(std::move(elements));
       }
       case kMarkerDictionary: {
         uint64_t n;
-        if (depth >= kPropertyListMaximumDepth) return fail("Binary property list nests deeper than 512 levels");
-        if (!readCount(nibble, pos, n) || !checkFits(pos, n, 2 * uint64_t{refWidth_})) return false;
+        if (depth >= kPropertyListMaximumDepth) return failed("Binary property list nests deeper than 512 levels");
+        if (!readCount(nibble, pos, n) || !checkFits(pos, n, 2 * uint64_t{refWidth_})) return {};
         Dictionary entries;
         entries.reserve(n);
         const uint8_t* keys = data_ + pos;
         const uint8_t* values = keys + n * refWidth_;
         for (uint64_t i = 0; i < n; ++i) {
           uint64_t keyRef, valueRef, keyExpanded, valueExpanded;
-          Value key, value;
-          if (!readReference(keys + i * refWidth_, keyRef) || !readObject(keyRef, depth + 1, key, keyExpanded)) {
-            return false;
-          }
-          if (!key.isString()) return fail("Binary property list has a dictionary key that is not a string");
-          if (!readReference(values + i * refWidth_, valueRef) ||
-              !readObject(valueRef, depth + 1, value, valueExpanded)) {
-            return false;
-          }
+          if (!readReference(keys + i * refWidth_, keyRef)) return {};
+          Value key = readObject(keyRef, depth + 1, keyExpanded);
+          if (failed_) return {};
+          if (!key.isString()) return failed("Binary property list has a dictionary key that is not a string");
+          if (!readReference(values + i * refWidth_, valueRef)) return {};
+          Value value = readObject(valueRef, depth + 1, valueExpanded);
+          if (failed_) return {};
           entries.insert_or_assign(std::move(key), std::move(value));
           expanded = saturatingAdd(expanded, saturatingAdd(keyExpanded, valueExpanded));
         }
         references_ = saturatingAdd(references_, 2 * n);
-        out = Value(std::move(entries));
-        return true;
+        return Value(std::move(entries));
       }
       default:
-        return fail("Binary property list has an object of unsupported type");
+        return failed("Binary property list has an object of unsupported type");
     }
   }
 
@@ -756,6 +744,7 @@ class BinaryReader {
   // index in sharedObjects_.
   std::vector<uint32_t> shared_;
   std::vector<SharedObject> sharedObjects_;
+  bool failed_ = false;
   uint64_t references_ = 1;
 };
 

@@ -88,7 +88,13 @@ class SharedText {
     if (rep_ != nullptr) rep_->references.fetch_add(1, std::memory_order_relaxed);
   }
   void release() noexcept {
-    if (rep_ != nullptr && rep_->references.fetch_sub(1, std::memory_order_acq_rel) == 1) ::operator delete(rep_);
+    if (rep_ == nullptr) return;
+    // The last owner skips the atomic decrement: no other thread can take a
+    // new reference to a block that nobody else holds.
+    if (rep_->references.load(std::memory_order_acquire) == 1 ||
+        rep_->references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+      ::operator delete(rep_);
+    }
   }
   size_t computeHash() const noexcept;
   Rep* rep_;
