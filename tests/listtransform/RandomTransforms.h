@@ -81,24 +81,15 @@ inline Array applyStepByStep(Array array, const UGListTransform& t) {
 // between a deletion and an insertion of this transform.
 inline ::testing::AssertionResult isCanonical(const UGListTransform& t) {
   for (const auto* items : {&t.deletions(), &t.insertions()}) {
-    for (size_t i = 1; i < items->size(); ++i) {
-      if ((*items)[i - 1]->index() >= (*items)[i]->index()) {
+    const auto& partners = items == &t.deletions() ? t.insertions() : t.deletions();
+    for (size_t i = 0; i < items->size(); ++i) {
+      const UGListTransformItem& item = *(*items)[i];
+      if (i > 0 && (*items)[i - 1]->index() >= item.index())
         return ::testing::AssertionFailure() << "not strictly ascending:\n" << t.description();
-      }
-    }
-  }
-  for (const auto& d : t.deletions()) {
-    if (auto* partner = d->moveLinkItem()) {
-      bool found = std::any_of(t.insertions().begin(), t.insertions().end(),
-                               [&](const Ref<UGListTransformItem>& i) { return i.get() == partner; });
-      if (!found || partner->moveLinkItem() != d.get()) {
-        return ::testing::AssertionFailure() << "broken move link at " << d->index();
-      }
-    }
-  }
-  for (const auto& i : t.insertions()) {
-    if (auto* partner = i->moveLinkItem(); partner != nullptr && partner->moveLinkItem() != i.get()) {
-      return ::testing::AssertionFailure() << "one-sided move link at " << i->index();
+      const UGListTransformItem* partner = item.moveLinkItem();
+      auto isPartner = [&](const Ref<UGListTransformItem>& p) { return p.get() == partner; };
+      if (partner && (partner->moveLinkItem() != &item || std::none_of(partners.begin(), partners.end(), isPartner)))
+        return ::testing::AssertionFailure() << "broken move link at " << item.index() << ":\n" << t.description();
     }
   }
   return ::testing::AssertionSuccess();

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <bit>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
@@ -21,7 +22,8 @@ namespace fs = std::filesystem;
 std::string hex(const void* bytes, size_t n) {
   static const char kDigits[] = "0123456789abcdef";
   std::string out;
-  for (size_t i = 0; i < n; ++i) out += {kDigits[static_cast<const uint8_t*>(bytes)[i] >> 4], kDigits[static_cast<const uint8_t*>(bytes)[i] & 15]};
+  for (size_t i = 0; i < n; ++i)
+    out += {kDigits[static_cast<const uint8_t*>(bytes)[i] >> 4], kDigits[static_cast<const uint8_t*>(bytes)[i] & 15]};
   return out;
 }
 
@@ -35,11 +37,9 @@ void appendPython(std::string& out, const Value& v) {
       out += std::to_string(v.integerValue());
       return;
     case Value::Kind::Real: {
-      double d = v.doubleValue();
-      uint64_t bits;
-      std::memcpy(&bits, &d, 8);
-      uint8_t be[8];
-      for (int i = 0; i < 8; ++i) be[i] = static_cast<uint8_t>(bits >> (56 - 8 * i));
+      uint8_t be[8];  // the bits, big-endian
+      for (int i = 0; i < 8; ++i)
+        be[i] = static_cast<uint8_t>(std::bit_cast<uint64_t>(v.doubleValue()) >> (56 - 8 * i));
       out += "R('" + hex(be, 8) + "')";
       return;
     }
@@ -64,7 +64,8 @@ void appendPython(std::string& out, const Value& v) {
       return;
     case Value::Kind::Dictionary:
       out += '{';
-      for (const auto& [key, value] : v.dictionary()) appendPython(out, key), out += ": ", appendPython(out, value), out += ", ";
+      for (const auto& [key, value] : v.dictionary())
+        appendPython(out, key), out += ": ", appendPython(out, value), out += ", ";
       out += '}';
       return;
     default:
@@ -99,11 +100,10 @@ TEST(PropertyListInterop, PythonPlistlibReadsWhatWeWriteAndWritesWhatWeRead) {
     uint64_t seed;
   };
   std::vector<Incoming> incoming;
-  auto addExpression = [&](const std::string& name, const Value& v) {
+  auto python = [](const Value& v) {
     std::string expression;
     appendPython(expression, v);
-    writeFile(dir / name, expression.data(), expression.size());
-    return (dir / name).string();
+    return expression;
   };
 
   constexpr uint64_t kSeeds = 60;
@@ -119,14 +119,12 @@ TEST(PropertyListInterop, PythonPlistlibReadsWhatWeWriteAndWritesWhatWeRead) {
       Value sent = outward.value();
       Data bytes = testing::write(sent, format);
       writeFile(dir / ("out-" + tag), bytes.data(), bytes.size());
-      manifest << "check " << (dir / ("out-" + tag)).string() << ' ' << addExpression("out-" + tag + ".py", sent)
-               << '\n';
+      manifest << "check " << (dir / ("out-" + tag)).string() << ' ' << python(sent) << '\n';
       // Python to ours.
       testing::PlistGenerator inward(seed + 1000, {.xmlSafe = isXML, .allowCR = false, .maximumDepth = 5});
       Value expected = inward.value();
       fs::path file = dir / ("in-" + tag);
-      manifest << "write " << (isXML ? "xml " : "binary ") << file.string() << ' '
-               << addExpression("in-" + tag + ".py", expected) << '\n';
+      manifest << "write " << (isXML ? "xml " : "binary ") << file.string() << ' ' << python(expected) << '\n';
       incoming.push_back({file, expected, seed});
     }
   }
@@ -136,12 +134,11 @@ TEST(PropertyListInterop, PythonPlistlibReadsWhatWeWriteAndWritesWhatWeRead) {
   Value large(std::move(many));
   Data largeBytes = testing::write(large, PropertyListFormat::Binary);
   writeFile(dir / "out-large", largeBytes.data(), largeBytes.size());
-  manifest << "check " << (dir / "out-large").string() << ' ' << addExpression("large.py", large) << '\n';
-  manifest << "write binary " << (dir / "in-large").string() << ' ' << (dir / "large.py").string() << '\n';
+  manifest << "check " << (dir / "out-large").string() << ' ' << python(large) << '\n';
+  manifest << "write binary " << (dir / "in-large").string() << ' ' << python(large) << '\n';
   incoming.push_back({dir / "in-large", large, 0});
   // plistlib writes integers from 2^63 to 2^64 - 1 in 16 bytes; they do not fit.
-  writeFile(dir / "huge.py", "[2**64 - 1, -1]", 15);
-  manifest << "write binary " << (dir / "in-huge").string() << ' ' << (dir / "huge.py").string() << '\n';
+  manifest << "write binary " << (dir / "in-huge").string() << " [2**64 - 1, -1]\n";
   manifest.close();
 
   const std::string command = "python3 '" + peerScript().string() + "' '" + (dir / "manifest").string() + "' > '" +

@@ -24,7 +24,6 @@ struct GeneratorOptions {
   bool xmlSafe = false;      // whole-second dates in years 0001-9999, no control characters
   bool allowCR = true;       // carriage returns in strings
   size_t maximumDepth = 4;   // nesting of containers
-  size_t maximumCount = 6;   // elements per container
   bool narrowDates = false;  // dates within 1902-2038 only
 };
 
@@ -55,14 +54,12 @@ class PlistGenerator {
       }
       case 8: {
         Array a;
-        size_t n = pick(static_cast<int>(options_.maximumCount) + 1);
-        for (size_t i = 0; i < n; ++i) a.push_back(value(depth + 1));
+        for (size_t n = pick(7); n > 0; --n) a.push_back(value(depth + 1));
         return Value(std::move(a));
       }
       default: {
         Dictionary d;
-        size_t n = pick(static_cast<int>(options_.maximumCount) + 1);
-        for (size_t i = 0; i < n; ++i) d.insert_or_assign(Value(string()), value(depth + 1));
+        for (size_t n = pick(7); n > 0; --n) d.insert_or_assign(Value(string()), value(depth + 1));
         return Value(std::move(d));
       }
     }
@@ -98,9 +95,10 @@ class PlistGenerator {
   }
 
   std::string string() {
-    static const char* const kPieces[] = {"a", "key", "t", "é", "日本", "😀", "\xF0\x9F\x91\x8D", " ", "&", "<", ">", "\"",
-                                          "'", "]]>", "\t", "\n", "\r", "\x7F", "\xEF\xBF\xBD",
-                                          "com.tarnwick.NSPropertyListSerialization.NSNull"};
+    static constexpr const char* kNullMarker = "com.tarnwick.NSPropertyListSerialization.NSNull";
+    static const char* const kPieces[] = {"a",  "key", "t",  "é",    "日本",         "😀",        "\xF0\x9F\x91\x8D",
+                                          " ",  "&",   "<",  ">",    "\"",           "'",        "]]>",
+                                          "\t", "\n",  "\r", "\x7F", "\xEF\xBF\xBD", kNullMarker};
     std::string s;
     size_t n = pick(8);
     for (size_t i = 0; i < n; ++i) {
@@ -114,7 +112,6 @@ class PlistGenerator {
   }
 
   int pick(int n) { return static_cast<int>(random_() % static_cast<uint64_t>(n)); }
-  std::mt19937_64& engine() { return random_; }
 
  private:
   std::mt19937_64 random_;
@@ -124,37 +121,31 @@ class PlistGenerator {
 // Where two values differ in kind, scalar bits (reals and dates), order or
 // content, as a path such as "$[2][\"key\"]"; empty when they are the same.
 inline std::string differenceBetween(const Value& a, const Value& b, const std::string& path = "$") {
-  auto bitsOf = [](double d) { return std::bit_cast<uint64_t>(d); };
   std::string here = path + ": " + a.description() + " / " + b.description();
   if (a.kind() != b.kind()) return here;
-  switch (a.kind()) {
-    case Value::Kind::Real:
-      return bitsOf(a.doubleValue()) == bitsOf(b.doubleValue()) ? "" : here;
-    case Value::Kind::Date:
-      return bitsOf(a.dateValue()) == bitsOf(b.dateValue()) ? "" : here + " (" + std::to_string(a.dateValue()) + ")";
-    case Value::Kind::Array: {
-      const Array &x = a.array(), &y = b.array();
-      if (x.size() != y.size()) return here;
-      for (size_t i = 0; i < x.size(); ++i) {
-        std::string d = differenceBetween(x[i], y[i], path + "[" + std::to_string(i) + "]");
-        if (!d.empty()) return d;
-      }
-      return "";
-    }
-    case Value::Kind::Dictionary: {
-      const Dictionary &x = a.dictionary(), &y = b.dictionary();
-      if (x.size() != y.size()) return here;
-      for (auto i = x.begin(), j = y.begin(); i != x.end(); ++i, ++j) {
-        std::string sub = path + "[" + i->first.description() + "]";
-        std::string d = differenceBetween(i->first, j->first, sub + " key");
-        if (d.empty()) d = differenceBetween(i->second, j->second, sub);
-        if (!d.empty()) return d;
-      }
-      return "";
-    }
-    default:
-      return a == b ? "" : here;
+  if (a.kind() == Value::Kind::Real || a.kind() == Value::Kind::Date) {
+    auto bits = [](const Value& v) { return std::bit_cast<uint64_t>(v.isDate() ? v.dateValue() : v.doubleValue()); };
+    return bits(a) == bits(b) ? "" : here;
   }
+  if (a.kind() == Value::Kind::Array) {
+    const Array &x = a.array(), &y = b.array();
+    if (x.size() != y.size()) return here;
+    for (size_t i = 0; i < x.size(); ++i)
+      if (auto d = differenceBetween(x[i], y[i], path + "[" + std::to_string(i) + "]"); !d.empty()) return d;
+    return "";
+  }
+  if (a.kind() == Value::Kind::Dictionary) {
+    const Dictionary &x = a.dictionary(), &y = b.dictionary();
+    if (x.size() != y.size()) return here;
+    for (auto i = x.begin(), j = y.begin(); i != x.end(); ++i, ++j) {
+      std::string sub = path + "[" + i->first.description() + "]",
+                  d = differenceBetween(i->first, j->first, sub + " key");
+      if (d.empty()) d = differenceBetween(i->second, j->second, sub);
+      if (!d.empty()) return d;
+    }
+    return "";
+  }
+  return a == b ? "" : here;
 }
 
 inline bool sameValue(const Value& a, const Value& b) { return differenceBetween(a, b).empty(); }
@@ -162,8 +153,7 @@ inline bool sameValue(const Value& a, const Value& b) { return differenceBetween
 // Assembles a "bplist00" file from encoded objects (references inside them
 // already written with `refWidth` bytes): header, objects, offset table and
 // trailer.
-inline Data assembleBinary(const std::vector<Data>& objects, uint64_t top = 0, unsigned refWidth = 1,
-                           unsigned offsetWidth = 0) {
+inline Data assembleBinary(const std::vector<Data>& objects, uint64_t top = 0, unsigned refWidth = 1) {
   Data out = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
   std::vector<uint64_t> offsets;
   for (const Data& object : objects) {
@@ -171,7 +161,7 @@ inline Data assembleBinary(const std::vector<Data>& objects, uint64_t top = 0, u
     out.insert(out.end(), object.begin(), object.end());
   }
   uint64_t tableOffset = out.size();
-  if (offsetWidth == 0) offsetWidth = tableOffset < 256 ? 1 : tableOffset < 65536 ? 2 : 4;
+  const unsigned offsetWidth = tableOffset < 256 ? 1 : tableOffset < 65536 ? 2 : 4;
   auto put = [&](uint64_t v, unsigned width) {
     for (unsigned i = width; i-- > 0;) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
   };
@@ -193,7 +183,9 @@ struct BinaryTrailer {
 
 inline BinaryTrailer trailerOf(const Data& file) {
   const uint8_t* t = file.data() + file.size() - 32;
-  auto get = [](const uint8_t* p) { return std::accumulate(p, p + 8, uint64_t{0}, [](uint64_t v, uint8_t b) { return (v << 8) | b; }); };
+  auto get = [](const uint8_t* p) {
+    return std::accumulate(p, p + 8, uint64_t{0}, [](uint64_t v, uint8_t b) { return (v << 8) | b; });
+  };
   return {t[6], t[7], get(t + 8), get(t + 16), get(t + 24)};
 }
 
