@@ -4,6 +4,19 @@
 
 namespace loomwork {
 
+const char* plist_detail::unwritableKindReason(Value::Kind kind) {
+  switch (kind) {
+    case Value::Kind::Null:
+      return "Property list cannot hold a null value";
+    case Value::Kind::Set:
+      return "Property list cannot hold a set";
+    case Value::Kind::Object:
+      return "Property list cannot hold an object reference";
+    default:
+      return "Property list cannot hold a value of unknown kind";
+  }
+}
+
 std::optional<Data> dataFromPropertyList(const Value& plist, PropertyListFormat format, std::string* errorDescription) {
   Data out;
   std::string error;

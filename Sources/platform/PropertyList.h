@@ -60,6 +60,8 @@ bool writeBinary(const Value& plist, Data& out, std::string& error);
 bool writeXML(const Value& plist, Data& out, std::string& error);
 std::optional<Value> readBinary(std::span<const uint8_t> data, std::string& error);
 std::optional<Value> readXML(std::span<const uint8_t> data, std::string& error);
+// Why a value of `kind` (null, set, object) cannot be written in either format.
+const char* unwritableKindReason(Value::Kind kind);
 }  // namespace plist_detail
 
 }  // namespace loomwork

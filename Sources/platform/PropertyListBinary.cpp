@@ -48,15 +48,6 @@ constexpr uint8_t kMarkerUTF16 = 0x60;
 constexpr uint8_t kMarkerArray = 0xA0;
 constexpr uint8_t kMarkerDictionary = 0xD0;
 
-inline uint64_t mix(uint64_t x) {
-  x ^= x >> 30;
-  x *= 0xbf58476d1ce4e5b9ULL;
-  x ^= x >> 27;
-  x *= 0x94d049bb133111ebULL;
-  x ^= x >> 31;
-  return x;
-}
-
 // The smallest of the widths 1, 2, 4 and 8 that holds `v`. Also the width the
 // trailer needs for an object count or table offset of `v` (v < 2^(8*width)).
 inline unsigned widthFor(uint64_t v) { return v <= 0xFF ? 1 : v <= 0xFFFF ? 2 : v <= 0xFFFFFFFFULL ? 4 : 8; }
@@ -185,6 +176,13 @@ class BinaryWriter {
     uint64_t aux;
   };
 
+  // The index of the data or container `v` is (as the same heap object) if it
+  // was met before; otherwise `next`, which it is given.
+  uint64_t sameContainer(const Value& v, uint64_t next) {
+    return identities_.findOrAdd(v.identityHash(), next,
+                                 [&](uint64_t i) { return objects_[i].value->isIdenticalTo(v); });
+  }
+
   uint64_t fail(const char* message) {
     error_ = message;
     return kFailed;
@@ -231,8 +229,8 @@ class BinaryWriter {
         return add(v, 0, 9);
       case Value::Kind::String: {
         std::string_view s = *v.tryString();
-        uint64_t index = strings_.findOrAdd(v.hash(), next,
-                                            [&](uint64_t i) { return *objects_[i].value->tryString() == s; });
+        uint64_t index =
+            strings_.findOrAdd(v.hash(), next, [&](uint64_t i) { return *objects_[i].value->tryString() == s; });
         if (index != next) return index;
         if (isASCII(s.data(), s.size())) {
           add(v, 0, 1 + countBytes(s.size()) + s.size());
@@ -250,15 +248,13 @@ class BinaryWriter {
       }
       case Value::Kind::Data: {
         const Data& d = *v.tryData();
-        uint64_t index = identities_.findOrAdd(mix(reinterpret_cast<uintptr_t>(&d)), next,
-                                               [&](uint64_t i) { return objects_[i].value->tryData() == &d; });
+        uint64_t index = sameContainer(v, next);
         if (index == next) add(v, 0, 1 + countBytes(d.size()) + d.size());
         return index;
       }
       case Value::Kind::Array: {
         const Array& a = *v.tryArray();
-        uint64_t index = identities_.findOrAdd(mix(reinterpret_cast<uintptr_t>(&a)), next,
-                                               [&](uint64_t i) { return objects_[i].value->tryArray() == &a; });
+        uint64_t index = sameContainer(v, next);
         if (index != next) return index;
         if (depth >= kPropertyListMaximumDepth) return fail("Property list nests deeper than 512 levels");
         size_t first = refs_.size();
@@ -273,8 +269,7 @@ class BinaryWriter {
       }
       case Value::Kind::Dictionary: {
         const Dictionary& d = *v.tryDictionary();
-        uint64_t index = identities_.findOrAdd(mix(reinterpret_cast<uintptr_t>(&d)), next,
-                                               [&](uint64_t i) { return objects_[i].value->tryDictionary() == &d; });
+        uint64_t index = sameContainer(v, next);
         if (index != next) return index;
         if (depth >= kPropertyListMaximumDepth) return fail("Property list nests deeper than 512 levels");
         size_t first = refs_.size();
@@ -295,13 +290,11 @@ class BinaryWriter {
         return index;
       }
       case Value::Kind::Null:
-        return fail("Property list cannot hold a null value");
       case Value::Kind::Set:
-        return fail("Property list cannot hold a set");
       case Value::Kind::Object:
-        return fail("Property list cannot hold an object reference");
+        break;
     }
-    return fail("Property list cannot hold a value of unknown kind");
+    return fail(unwritableKindReason(v.kind()));
   }
 
   void emit(Data& out) const {

@@ -224,13 +224,11 @@ class XMLWriter {
         return true;
       }
       case Value::Kind::Null:
-        return fail("Property list cannot hold a null value");
       case Value::Kind::Set:
-        return fail("Property list cannot hold a set");
       case Value::Kind::Object:
-        return fail("Property list cannot hold an object reference");
+        break;
     }
-    return fail("Property list cannot hold a value of unknown kind");
+    return fail(unwritableKindReason(v.kind()));
   }
 
   std::string text_;
