@@ -132,7 +132,7 @@ TEST_F(StringScoringTest, NestedCallsReadTheShiftedView) {
 }
 
 TEST_F(StringScoringTest, AgreesWithPlainRecursion) {
-  const uint32_t seed = std::random_device()();
+  const uint32_t seed = 20261122;
   expectAgreement({u"a", u"A", u"b", u"B", u"c", u" ", u".", u"\t", u"-", u"1", u"ab", u"Ab", u"\n"}, 3000, seed);
   expectAgreement({u"a", u"A", u"á", u"Á", u"a\u0301", u"e", u"É", u"ß", u"s", u"S", u" ", u"\u00A0", u".",
                    u"\U0001D400", u"\u01C5", u"\r\n", u"\x01"},
@@ -189,7 +189,7 @@ TEST(TextServices, AsciiClassesDescribeTheSearch) {
   // What the direct ASCII path assumes of the search: the leftmost window of equal ids, for every pair of
   // simple characters and for random texts over a few of them (so that runs repeat), in locales with
   // contractions, other letters, shifted punctuation and numeric collation.
-  const uint32_t seed = std::random_device()();
+  const uint32_t seed = 20261122;
   std::mt19937 rng(seed);
   for (const char* locale :
        {"", "en", "da", "cs", "hr", "tr", "fi", "th", "en@colAlternate=shifted", "de@colNumeric=yes"}) {
