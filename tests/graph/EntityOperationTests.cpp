@@ -9,8 +9,9 @@
 namespace loomwork {
 namespace {
 
-constexpr UGEntityOperationType kTypes[] = {UGEntityOperationTypeCreate, UGEntityOperationTypeUpdate,
-                                            UGEntityOperationTypeDelete, UGEntityOperationTypeIdentity};
+constexpr auto C = UGEntityOperationTypeCreate, U = UGEntityOperationTypeUpdate, D = UGEntityOperationTypeDelete,
+               I = UGEntityOperationTypeIdentity, kOther = static_cast<UGEntityOperationType>(7);
+constexpr UGEntityOperationType kTypes[] = {C, U, D, I};
 
 Ref<UGMutableListTransform> insertion(int64_t index, int64_t object) {
   auto transform = UGMutableListTransform::transform();
@@ -57,7 +58,7 @@ TEST(EntityOperation, CompositionTableForEveryTarget) {
   for (int e = 0; e < 4; ++e) {
     for (int l = 0; l < 4; ++l) {
       SCOPED_TRACE(std::to_string(e + 1) + " then " + std::to_string(l + 1));
-      auto target = make<UGMutableEntityOperation>(UGEntityOperationTypeUpdate, "T", UGPropertyDictionary{{"z", 0}});
+      auto target = make<UGMutableEntityOperation>(U, "T", UGPropertyDictionary{{"z", 0}});
       target->setTransformForRelation(insertion(0, 99), "q");
       UGMutableEntityOperation::concatenateOperationWithOperationTarget(*earlierOf(kTypes[e]), *laterOf(kTypes[l]),
                                                                         *target);
@@ -74,32 +75,28 @@ TEST(EntityOperation, CompositionTableForEveryTarget) {
     }
   }
   // Another type on either side, or one operation as all three, changes nothing.
-  auto seven = earlierOf(static_cast<UGEntityOperationType>(7));
-  auto target = laterOf(UGEntityOperationTypeUpdate);
-  UGMutableEntityOperation::concatenateOperationWithOperationTarget(*seven, *laterOf(UGEntityOperationTypeCreate),
-                                                                    *target);
-  UGMutableEntityOperation::concatenateOperationWithOperationTarget(*laterOf(UGEntityOperationTypeCreate), *seven,
-                                                                    *target);
+  auto seven = earlierOf(kOther);
+  auto target = laterOf(U);
+  UGMutableEntityOperation::concatenateOperationWithOperationTarget(*seven, *laterOf(C), *target);
+  UGMutableEntityOperation::concatenateOperationWithOperationTarget(*laterOf(C), *seven, *target);
   EXPECT_EQ(contentOf(*target), "UPDATE L b=3 c=4 r:(20) s:(30)");
-  seven->appendOperation(*laterOf(UGEntityOperationTypeDelete));
+  seven->appendOperation(*laterOf(D));
   EXPECT_EQ(seven->type(), 7u);
-  auto self = earlierOf(UGEntityOperationTypeUpdate);
+  auto self = earlierOf(U);
   UGMutableEntityOperation::concatenateOperationWithOperationTarget(*self, *self, *self);
   EXPECT_EQ(contentOf(*self), "UPDATE E a=1 b=2 r:(10)");
   // Merged content of a third target follows earlier's order, later's new names after.
-  EXPECT_EQ(earlierOf(UGEntityOperationTypeUpdate)
-                ->operationByAppendingOperation(*laterOf(UGEntityOperationTypeUpdate))
-                ->allPropertyNamesArray(),
+  EXPECT_EQ(earlierOf(U)->operationByAppendingOperation(*laterOf(U))->allPropertyNamesArray(),
             (std::vector<std::string>{"a", "b", "c"}));
 }
 
 TEST(EntityOperation, MutatorsCopiesAndInversion) {
-  auto op = make<UGMutableEntityOperation>(UGEntityOperationTypeDelete, "K");
+  auto op = make<UGMutableEntityOperation>(D, "K");
   op->setValueForProperty(Value(1), "a");
   op->setTransformForRelation(insertion(0, 1), "r");
   EXPECT_EQ(contentOf(*op), "DELETE K");  // a DELETE carries no values
 
-  auto update = make<UGMutableEntityOperation>(UGEntityOperationTypeUpdate, "K");
+  auto update = make<UGMutableEntityOperation>(U, "K");
   const Value shared = Value::array({1, 2});
   update->setValueForProperty(shared, "a");
   update->setValueForProperty(Value::null(), "n");
@@ -116,10 +113,10 @@ TEST(EntityOperation, MutatorsCopiesAndInversion) {
 
   EXPECT_FALSE(update->canInvert());
   EXPECT_EQ(contentOf(*update->invertedOperation()), "UPDATE K");
-  auto create = make<UGMutableEntityOperation>(UGEntityOperationTypeCreate, "K", UGPropertyDictionary{{"a", 1}});
+  auto create = make<UGMutableEntityOperation>(C, "K", UGPropertyDictionary{{"a", 1}});
   EXPECT_TRUE(create->canInvert());
   EXPECT_EQ(contentOf(*create->invertedOperation()), "DELETE K");
-  auto deleted = make<UGMutableEntityOperation>(UGEntityOperationTypeDelete, "K", UGPropertyDictionary{{"a", 1}});
+  auto deleted = make<UGMutableEntityOperation>(D, "K", UGPropertyDictionary{{"a", 1}});
   EXPECT_EQ(contentOf(*deleted->invertedOperationAcceptingLossyUpdateAndDeleteInversion()), "CREATE K a=1");
 }
 
@@ -147,14 +144,14 @@ TEST(EntityOperation, MergeTable) {
       EXPECT_LE(asked.size(), 1u);
     }
   }
-  auto mine = earlierOf(UGEntityOperationTypeUpdate);
-  mine->simpleMergeWithOperationPropertyMergeBlock(*earlierOf(static_cast<UGEntityOperationType>(7)), nullptr);
-  mine->simpleMergeWithOperationPropertyMergeBlock(*laterOf(UGEntityOperationTypeDelete), nullptr);
+  auto mine = earlierOf(U);
+  mine->simpleMergeWithOperationPropertyMergeBlock(*earlierOf(kOther), nullptr);
+  mine->simpleMergeWithOperationPropertyMergeBlock(*laterOf(D), nullptr);
   EXPECT_EQ(contentOf(*mine), "DELETE E r:(10)");  // relation transforms are never touched
 }
 
 TEST(EntityOperation, PropertyListAndTextForms) {
-  auto op = make<UGMutableEntityOperation>(static_cast<UGEntityOperationType>(7), "Note");
+  auto op = make<UGMutableEntityOperation>(kOther, "Note");
   op->setProperties({{"title", "say \"hi\"\n"},
                      {"n", Value::null()},
                      {"tags", Value::set({"x", 2})},

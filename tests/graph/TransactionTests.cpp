@@ -32,20 +32,13 @@ std::string contentOf(const UGTransaction& transaction) {
   return text;
 }
 
-constexpr auto C = UGEntityOperationTypeCreate;
-constexpr auto U = UGEntityOperationTypeUpdate;
-constexpr auto D = UGEntityOperationTypeDelete;
-constexpr auto I = UGEntityOperationTypeIdentity;
+constexpr auto C = UGEntityOperationTypeCreate, U = UGEntityOperationTypeUpdate, D = UGEntityOperationTypeDelete,
+               I = UGEntityOperationTypeIdentity, kAbsent = static_cast<UGEntityOperationType>(99);  // no operation
 
 TEST(Transaction, CompositionAndNormalisation) {
-  auto t = txn({{"X", op(C, {{"a", 1}})}});
-  t->appendTransaction(*txn({{"X", op(D)}}));
-  EXPECT_EQ(contentOf(*t), "");
-
-  t = txn({{"X", op(D)}});
-  t->appendTransaction(*txn({{"X", op(U, {{"a", 1}})}}));
-  EXPECT_EQ(contentOf(*t), "X:DELETE;");
-  t = txn({{"X", op(U, {{"b", 2}})}});
+  // The resulting types follow the entity composition table and are checked
+  // at random in GraphAlgebraTests.cpp; here, the order of the values.
+  auto t = txn({{"X", op(U, {{"b", 2}})}});
   t->prependTransaction(*txn({{"X", op(C, {{"a", 1}, {"b", 1}})}}));
   EXPECT_EQ(contentOf(*t), "X:CREATE b=2 a=1;");
 
@@ -59,12 +52,12 @@ TEST(Transaction, CompositionAndNormalisation) {
   t->normalize();
   EXPECT_EQ(contentOf(*t), "");
 
-  // Consuming empties the argument and stores its operations themselves.
+  // Consuming stores the argument's operations themselves (that it empties the
+  // argument is checked in GraphAlgebraTests.cpp).
   auto later = txn({{"X", op(U, {{"a", 1}})}, {"Y", op(C)}});
   auto y = later->operationForUUID("Y");
   t = txn({{"X", op(U, {{"b", 2}})}});
   t->appendAndConsumeTransaction(*later);
-  EXPECT_EQ(later->count(), 0u);
   EXPECT_EQ(t->operationForUUID("Y"), y);
   EXPECT_EQ(contentOf(*t), "X:UPDATE b=2 a=1;Y:CREATE;");
   // A transaction appended to itself.
@@ -131,8 +124,7 @@ TEST(Transaction, ReductionTable) {
   // Rows r, columns t (absent, IDENTITY, DELETE, CREATE, UPDATE): t's content
   // after the reduction by r, led by '=' when it reports exact and '~' when not.
   // r sets a=1 b=2, t sets a=1 c=3.
-  const UGEntityOperationType types[] = {C, U, D, I};
-  const std::optional<UGEntityOperationType> columns[] = {std::nullopt, I, D, C, U};
+  const UGEntityOperationType rows[] = {C, U, D, I}, columns[] = {kAbsent, I, D, C, U};
   const char* expected[4][5] = {
       {"=X:DELETE;", "=X:DELETE;", "=X:DELETE;", "~X:UPDATE c=3;", "=X:UPDATE a=1 c=3;"},
       {"~", "~", "=X:DELETE;", "=X:UPDATE a=1 c=3;", "~X:UPDATE c=3;"},
@@ -141,15 +133,13 @@ TEST(Transaction, ReductionTable) {
   };
   for (int row = 0; row < 4; ++row) {
     for (int column = 0; column < 5; ++column) {
-      const auto rType = types[row];
-      const auto tType = columns[column];
       if (!expected[row][column]) continue;
-      SCOPED_TRACE(std::to_string(rType) + " reducing " + (tType ? std::to_string(*tType) : "absent"));
+      const auto rType = rows[row], tType = columns[column];
+      SCOPED_TRACE(std::to_string(rType) + " reducing " + std::to_string(tType));
       auto t = UGMutableTransaction::transaction();
-      if (tType && (*tType == I || *tType == D))
-        t->setOperationForUUID(UGEntityOperation::operationWithTypeEntityName(*tType, "K"), "X");
-      else if (tType)
-        t->setOperationForUUID(op(*tType, {{"a", 1}, {"c", 3}}), "X");
+      if (tType == I || tType == D)
+        t->setOperationForUUID(UGEntityOperation::operationWithTypeEntityName(tType, "K"), "X");
+      if (tType == C || tType == U) t->setOperationForUUID(op(tType, {{"a", 1}, {"c", 3}}), "X");
       auto r = txn({{"X", rType == I || rType == D ? op(rType) : op(rType, {{"a", 1}, {"b", 2}})}});
       const bool exact = t->reduceByTransaction(*r);
       EXPECT_EQ((exact ? "=" : "~") + contentOf(*t), expected[row][column]);

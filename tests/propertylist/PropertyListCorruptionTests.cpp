@@ -25,8 +25,11 @@ using testing::write;
 
 const Value& sampleDocument() {
   static const Value document = Value::dictionary({
-      {"name", "Loom \xC3\xA9\xF0\x9F\x98\x80"}, {"count", Value::array({0, 300, 70000, -5, int64_t{1} << 40})},
-      {"ratio", 0.25}, {"when", Value::date(1234567890.0)}, {"blob", Value::data({1, 2, 3, 4, 5})},
+      {"name", "Loom \xC3\xA9\xF0\x9F\x98\x80"},
+      {"count", Value::array({0, 300, 70000, -5, int64_t{1} << 40})},
+      {"ratio", 0.25},
+      {"when", Value::date(1234567890.0)},
+      {"blob", Value::data({1, 2, 3, 4, 5})},
       {"flags", Value::array({true, false, Value::dictionary({{"deep", std::string(20, 'z')}})})},
   });
   return document;
@@ -139,6 +142,7 @@ TEST(PropertyListCorruption, HostileBinaryConstructions) {
   Data pointsIntoHeader = assembleBinary({{0xA1, 1}, {0x10, 1}});
   pointsIntoHeader[pointsIntoHeader.size() - 32 - 1] = 3;
 
+  // clang-format off
   const std::pair<Data, const char*> cases[] = {
       {assembleBinary({{0xA1, 0}}), "contains itself"},
       {assembleBinary({{0xA1, 1}, {0xA2, 2, 0}, {0x10, 1}}), "contains itself"},
@@ -166,6 +170,7 @@ TEST(PropertyListCorruption, HostileBinaryConstructions) {
       {chain(60000), "nests deeper than 512 levels"}, {doubling(64, 0xA0), "expands to too many objects"},
       {doubling(200, 0xD0), "expands to too many objects"},
   };
+  // clang-format on
   for (const auto& [bytes, text] : cases) {
     SCOPED_TRACE(text);
     std::string error;
@@ -186,47 +191,38 @@ TEST(PropertyListCorruption, HostileBinaryConstructions) {
 }
 
 TEST(PropertyListCorruption, HostileAndMalformedXML) {
-  const std::string doctype =
-      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
-      "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n";
+  auto plist = [](const std::string& body) { return "<plist>" + body + "</plist>"; };
   std::string deep = "<plist>";
   for (int i = 0; i < 100000; ++i) deep += "<array>";
 
+  // clang-format off
   const std::pair<std::string, const char*> cases[] = {
       {"<!DOCTYPE plist [<!ENTITY a \"aaaaaaaaaa\"><!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;\">"
        "<!ENTITY c \"&b;&b;&b;&b;&b;&b;&b;&b;\">]><plist><string>&c;</string></plist>",
        "DOCTYPE with an internal subset"},
       {"<!DOCTYPE plist [<!ENTITY x SYSTEM \"file:///etc/passwd\">]><plist><string>&x;</string></plist>",
        "DOCTYPE with an internal subset"},
-      {doctype + "<plist><string>&foo;</string></plist>", "undeclared entity"},
-      {"<plist><string>&foo;</string></plist>", "could not be parsed"}, {deep, "nests deeper than 512 levels"},
-      {"<plist><string>a</plist>", "could not be parsed"},
-      {"<plist><string>\xC3</string></plist>", "could not be parsed"},
-      {"<?xml version=\"1.0\"?>", "could not be parsed"},
-      {"<plist><dict><key>a</key></dict></plist>", "key without a value"},
-      {"<plist><dict><string>a</string></dict></plist>", "value without a key"},
-      {"<plist><dict><key>a</key><key>b</key></dict></plist>", "misplaced key"},
-      {"<plist><key>a</key></plist>", "misplaced key"},
-      {"<plist><string>a</string><string>b</string></plist>", "more than one value"},
-      {"<plist></plist>", "has no value"}, {"<plist><plist><true/></plist></plist>", "misplaced plist"},
-      {"<plist><foo/></plist>", "unknown element <foo>"},
-      {"<plist><string>a<b/></string></plist>", "element inside <string>"},
-      {"<plist>text<string/></plist>", "text outside a value"},
-      {"<plist><array><true/>x</array></plist>", "text outside a value"},
-      {"<plist><integer>12a</integer></plist>", "invalid integer"},
-      {"<plist><integer>9223372036854775808</integer></plist>", "invalid integer"},
-      {"<plist><integer>-9223372036854775809</integer></plist>", "invalid integer"},
-      {"<plist><integer/></plist>", "invalid integer"}, {"<plist><integer>0x</integer></plist>", "invalid integer"},
-      {"<plist><real>1.5x</real></plist>", "invalid real"}, {"<plist><real></real></plist>", "invalid real"},
-      {"<plist><real>--1</real></plist>", "invalid real"},
-      {"<plist><date>2001-02-29T00:00:00Z</date></plist>", "invalid date"},
-      {"<plist><date>2001-01-01</date></plist>", "invalid date"},
-      {"<plist><date>2001-13-01T00:00:00Z</date></plist>", "invalid date"},
-      {"<plist><date>2001-01-01T00:00:00.Z</date></plist>", "invalid date"},
-      {"<plist><data>A</data></plist>", "invalid base64"}, {"<plist><data>AB=C</data></plist>", "invalid base64"},
-      {"<plist><data>A*==</data></plist>", "invalid base64"}, {"<plist><data>AB===</data></plist>", "invalid base64"},
-      {"<plist><true>yes</true></plist>", "text inside a boolean"},
+      {testing::kXMLPrologue + plist("<string>&foo;</string>"), "undeclared entity"},
+      {plist("<string>&foo;</string>"), "could not be parsed"}, {deep, "nests deeper than 512 levels"},
+      {plist("<string>a"), "could not be parsed"}, {plist("<string>\xC3</string>"), "could not be parsed"},
+      {"<?xml version=\"1.0\"?>", "could not be parsed"}, {plist("<dict><key>a</key></dict>"), "key without a value"},
+      {plist("<dict><string>a</string></dict>"), "value without a key"},
+      {plist("<dict><key>a</key><key>b</key></dict>"), "misplaced key"}, {plist("<key>a</key>"), "misplaced key"},
+      {plist("<string>a</string><string>b</string>"), "more than one value"}, {plist(""), "has no value"},
+      {plist("<plist><true/></plist>"), "misplaced plist"}, {plist("<foo/>"), "unknown element <foo>"},
+      {plist("<string>a<b/></string>"), "element inside <string>"}, {plist("text<string/>"), "text outside a value"},
+      {plist("<array><true/>x</array>"), "text outside a value"}, {plist("<integer>12a</integer>"), "invalid integer"},
+      {plist("<integer>9223372036854775808</integer>"), "invalid integer"},
+      {plist("<integer>-9223372036854775809</integer>"), "invalid integer"}, {plist("<integer/>"), "invalid integer"},
+      {plist("<integer>0x</integer>"), "invalid integer"}, {plist("<real>1.5x</real>"), "invalid real"},
+      {plist("<real></real>"), "invalid real"}, {plist("<real>--1</real>"), "invalid real"},
+      {plist("<date>2001-02-29T00:00:00Z</date>"), "invalid date"}, {plist("<date>2001-01-01</date>"), "invalid date"},
+      {plist("<date>2001-13-01T00:00:00Z</date>"), "invalid date"},
+      {plist("<date>2001-01-01T00:00:00.Z</date>"), "invalid date"}, {plist("<data>A</data>"), "invalid base64"},
+      {plist("<data>AB=C</data>"), "invalid base64"}, {plist("<data>A*==</data>"), "invalid base64"},
+      {plist("<data>AB===</data>"), "invalid base64"}, {plist("<true>yes</true>"), "text inside a boolean"},
   };
+  // clang-format on
   for (const auto& [text, message] : cases) {
     SCOPED_TRACE(text.substr(0, 120));
     std::string error;

@@ -20,6 +20,11 @@
 
 namespace loomwork::testing {
 
+// What the XML writer puts before the top element.
+inline const std::string kXMLPrologue =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+    "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n";
+
 struct GeneratorOptions {
   bool xmlSafe = false;      // whole-second dates in years 0001-9999, no control characters
   bool allowCR = true;       // carriage returns in strings
@@ -34,35 +39,24 @@ class PlistGenerator {
   // A random property list; the top level is always a container.
   Value value(size_t depth = 0) {
     int choice = depth == 0 ? 8 + pick(2) : pick(depth < options_.maximumDepth ? 10 : 8);
-    switch (choice) {
-      case 0:
-        return Value(pick(2) == 1);
-      case 1:
-      case 7:
-        return Value(integer());
-      case 2:
-        return Value(real());
-      case 3:
-        return Value::date(date());
-      case 4:
-      case 5:
-        return Value(string());
-      case 6: {
-        Data d(pick(40) == 0 ? 300 : pick(20));
-        for (auto& b : d) b = static_cast<uint8_t>(random_());
-        return Value::data(std::move(d));
-      }
-      case 8: {
-        Array a;
-        for (size_t n = pick(7); n > 0; --n) a.push_back(value(depth + 1));
-        return Value(std::move(a));
-      }
-      default: {
-        Dictionary d;
-        for (size_t n = pick(7); n > 0; --n) d.insert_or_assign(Value(string()), value(depth + 1));
-        return Value(std::move(d));
-      }
+    if (choice == 0) return Value(pick(2) == 1);
+    if (choice == 1 || choice == 7) return Value(integer());
+    if (choice == 2) return Value(real());
+    if (choice == 3) return Value::date(date());
+    if (choice == 4 || choice == 5) return Value(string());
+    if (choice == 6) {
+      Data d(pick(40) == 0 ? 300 : pick(20));
+      for (auto& b : d) b = static_cast<uint8_t>(random_());
+      return Value::data(std::move(d));
     }
+    if (choice == 8) {
+      Array a;
+      for (size_t n = pick(7); n > 0; --n) a.push_back(value(depth + 1));
+      return Value(std::move(a));
+    }
+    Dictionary d;
+    for (size_t n = pick(7); n > 0; --n) d.insert_or_assign(Value(string()), value(depth + 1));
+    return Value(std::move(d));
   }
 
   int64_t integer() {
@@ -79,10 +73,7 @@ class PlistGenerator {
     if (pick(3) == 0) return kEdges[pick(sizeof kEdges / sizeof kEdges[0])];
     if (options_.xmlSafe || pick(2) == 0)
       return std::ldexp(static_cast<double>(random_() >> 11), pick(200) - 100) * (pick(2) ? 1 : -1);
-    uint64_t bits = random_();
-    double d;
-    std::memcpy(&d, &bits, sizeof d);
-    return d;  // any bit pattern, NaN payloads included
+    return std::bit_cast<double>(random_());  // any bit pattern, NaN payloads included
   }
 
   double date() {
