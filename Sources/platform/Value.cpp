@@ -138,19 +138,31 @@ size_t SharedText::computeHash() const noexcept {
 
 }  // namespace detail
 
-Value::Value(const char* s) : storage_(detail::SharedText(s ? std::string_view(s) : std::string_view())) {}
-Value::Value(std::string_view s) : storage_(detail::SharedText(s)) {}
-Value::Value(const std::string& s) : storage_(detail::SharedText(s)) {}
-Value::Value(Array a) : storage_(std::make_shared<const Array>(std::move(a))) {}
-Value::Value(Dictionary d) : storage_(std::make_shared<const Dictionary>(std::move(d))) {}
-Value::Value(Set s) : storage_(std::make_shared<const Set>(std::move(s))) {}
+void Value::setString(std::string_view text) {
+  if (text.size() <= kInlineTextCapacity) {
+    if (!text.empty()) std::memcpy(payload_, text.data(), text.size());
+    payload_[kInlineTextCapacity] = static_cast<unsigned char>(text.size());
+    tag_ = kInlineText;
+  } else {
+    emplace<detail::SharedText>(Kind::String, text);
+  }
+}
+
+Value::Value(const char* s) { setString(s ? std::string_view(s) : std::string_view()); }
+Value::Value(std::string_view s) { setString(s); }
+Value::Value(const std::string& s) { setString(s); }
+Value::Value(Array a) { emplace<std::shared_ptr<const Array>>(Kind::Array, std::make_shared<const Array>(std::move(a))); }
+Value::Value(Dictionary d) {
+  emplace<std::shared_ptr<const Dictionary>>(Kind::Dictionary, std::make_shared<const Dictionary>(std::move(d)));
+}
+Value::Value(Set s) { emplace<std::shared_ptr<const Set>>(Kind::Set, std::make_shared<const Set>(std::move(s))); }
 Value::Value(std::shared_ptr<Object> object) noexcept {
-  if (object) storage_ = std::move(object);
+  if (object) emplace<std::shared_ptr<Object>>(Kind::Object, std::move(object));
 }
 
 Value Value::data(Data bytes) {
   Value v;
-  v.storage_ = std::make_shared<const Data>(std::move(bytes));
+  v.emplace<std::shared_ptr<const Data>>(Kind::Data, std::make_shared<const Data>(std::move(bytes)));
   return v;
 }
 
@@ -174,11 +186,11 @@ bool Value::isNumber() const noexcept {
 bool Value::boolValue() const {
   switch (kind()) {
     case Kind::Boolean:
-      return std::get<bool>(storage_);
+      return as<bool>();
     case Kind::Integer:
-      return std::get<int64_t>(storage_) != 0;
+      return as<int64_t>() != 0;
     case Kind::Real:
-      return std::get<double>(storage_) != 0;
+      return as<double>() != 0;
     default:
       wrongKind("a number");
   }
@@ -187,11 +199,11 @@ bool Value::boolValue() const {
 int64_t Value::integerValue() const {
   switch (kind()) {
     case Kind::Boolean:
-      return std::get<bool>(storage_) ? 1 : 0;
+      return as<bool>() ? 1 : 0;
     case Kind::Integer:
-      return std::get<int64_t>(storage_);
+      return as<int64_t>();
     case Kind::Real: {
-      double d = std::get<double>(storage_);
+      double d = as<double>();
       if (std::isnan(d)) return 0;
       if (d >= kTwo63) return INT64_MAX;
       if (d < -kTwo63) return INT64_MIN;
@@ -205,11 +217,11 @@ int64_t Value::integerValue() const {
 double Value::doubleValue() const {
   switch (kind()) {
     case Kind::Boolean:
-      return std::get<bool>(storage_) ? 1.0 : 0.0;
+      return as<bool>() ? 1.0 : 0.0;
     case Kind::Integer:
-      return static_cast<double>(std::get<int64_t>(storage_));
+      return static_cast<double>(as<int64_t>());
     case Kind::Real:
-      return std::get<double>(storage_);
+      return as<double>();
     default:
       wrongKind("a number");
   }
@@ -217,52 +229,52 @@ double Value::doubleValue() const {
 
 double Value::dateValue() const {
   if (!isDate()) wrongKind("a date");
-  return std::get<Date>(storage_).secondsSince1970;
+  return as<Date>().secondsSince1970;
 }
 
 std::string_view Value::string() const {
   if (!isString()) wrongKind("a string");
-  return std::get<detail::SharedText>(storage_).view();
+  return stringView();
 }
 const Data& Value::data() const {
   if (!isData()) wrongKind("data");
-  return *std::get<std::shared_ptr<const Data>>(storage_);
+  return *as<std::shared_ptr<const Data>>();
 }
 const Array& Value::array() const {
   if (!isArray()) wrongKind("an array");
-  return *std::get<std::shared_ptr<const Array>>(storage_);
+  return *as<std::shared_ptr<const Array>>();
 }
 const Dictionary& Value::dictionary() const {
   if (!isDictionary()) wrongKind("a dictionary");
-  return *std::get<std::shared_ptr<const Dictionary>>(storage_);
+  return *as<std::shared_ptr<const Dictionary>>();
 }
 const Set& Value::set() const {
   if (!isSet()) wrongKind("a set");
-  return *std::get<std::shared_ptr<const Set>>(storage_);
+  return *as<std::shared_ptr<const Set>>();
 }
 const std::shared_ptr<Object>& Value::object() const {
   if (!isObject()) wrongKind("an object");
-  return std::get<std::shared_ptr<Object>>(storage_);
+  return as<std::shared_ptr<Object>>();
 }
 
 std::optional<std::string_view> Value::tryString() const noexcept {
   if (!isString()) return std::nullopt;
-  return std::get<detail::SharedText>(storage_).view();
+  return stringView();
 }
 const Data* Value::tryData() const noexcept {
-  return isData() ? std::get<std::shared_ptr<const Data>>(storage_).get() : nullptr;
+  return isData() ? as<std::shared_ptr<const Data>>().get() : nullptr;
 }
 const Array* Value::tryArray() const noexcept {
-  return isArray() ? std::get<std::shared_ptr<const Array>>(storage_).get() : nullptr;
+  return isArray() ? as<std::shared_ptr<const Array>>().get() : nullptr;
 }
 const Dictionary* Value::tryDictionary() const noexcept {
-  return isDictionary() ? std::get<std::shared_ptr<const Dictionary>>(storage_).get() : nullptr;
+  return isDictionary() ? as<std::shared_ptr<const Dictionary>>().get() : nullptr;
 }
 const Set* Value::trySet() const noexcept {
-  return isSet() ? std::get<std::shared_ptr<const Set>>(storage_).get() : nullptr;
+  return isSet() ? as<std::shared_ptr<const Set>>().get() : nullptr;
 }
 Object* Value::tryObject() const noexcept {
-  return isObject() ? std::get<std::shared_ptr<Object>>(storage_).get() : nullptr;
+  return isObject() ? as<std::shared_ptr<Object>>().get() : nullptr;
 }
 
 size_t Value::count() const noexcept {
@@ -289,21 +301,17 @@ std::optional<Value> Value::objectForKey(const Value& key) const {
 }
 
 const void* Value::heapPointer() const noexcept {
-  return std::visit(
-      [](const auto& alternative) -> const void* {
-        using T = std::decay_t<decltype(alternative)>;
-        if constexpr (std::is_same_v<T, detail::SharedText>) {
-          return alternative.identity();
-        } else if constexpr (std::is_same_v<T, std::shared_ptr<const Data>> ||
-                      std::is_same_v<T, std::shared_ptr<const Array>> ||
-                      std::is_same_v<T, std::shared_ptr<const Dictionary>> ||
-                      std::is_same_v<T, std::shared_ptr<const Set>> || std::is_same_v<T, std::shared_ptr<Object>>) {
-          return alternative.get();
-        } else {
-          return nullptr;
-        }
-      },
-      storage_);
+  const void* pointer = nullptr;
+  if (holdsHeapBlock()) {
+    forHeapType(tag_, [&]<class T>() {
+      if constexpr (std::is_same_v<T, detail::SharedText>) {
+        pointer = as<T>().identity();
+      } else {
+        pointer = as<T>().get();
+      }
+    });
+  }
+  return pointer;
 }
 
 bool Value::isIdenticalTo(const Value& other) const noexcept {
@@ -312,17 +320,21 @@ bool Value::isIdenticalTo(const Value& other) const noexcept {
     case Kind::Null:
       return true;
     case Kind::Boolean:
-      return std::get<bool>(storage_) == std::get<bool>(other.storage_);
+      return as<bool>() == other.as<bool>();
     case Kind::Integer:
-      return std::get<int64_t>(storage_) == std::get<int64_t>(other.storage_);
+      return as<int64_t>() == other.as<int64_t>();
     case Kind::Real: {
-      double a = std::get<double>(storage_), b = std::get<double>(other.storage_);
+      double a = as<double>(), b = other.as<double>();
       return std::memcmp(&a, &b, sizeof a) == 0;
     }
     case Kind::Date: {
-      double a = std::get<Date>(storage_).secondsSince1970, b = std::get<Date>(other.storage_).secondsSince1970;
+      double a = as<Date>().secondsSince1970, b = other.as<Date>().secondsSince1970;
       return std::memcmp(&a, &b, sizeof a) == 0;
     }
+    case Kind::String:
+      // Short strings live in the value: the same text is the same string.
+      if (tag_ == kInlineText || other.tag_ == kInlineText) return stringView() == other.stringView();
+      return heapPointer() == other.heapPointer();
     default:
       return heapPointer() == other.heapPointer();
   }
@@ -381,50 +393,49 @@ size_t Value::hashSlow() const noexcept {
     case Kind::Null:
       return 0x6e756c6cULL;
     case Kind::Boolean:
-      return mix(std::get<bool>(storage_) ? 1 : 0);
+      return mix(as<bool>() ? 1 : 0);
     case Kind::Integer:
-      return mix(static_cast<uint64_t>(std::get<int64_t>(storage_)));
+      return mix(static_cast<uint64_t>(as<int64_t>()));
     case Kind::Real: {
-      double d = std::get<double>(storage_);
+      double d = as<double>();
       if (auto i = exactInteger(d)) return mix(static_cast<uint64_t>(*i));
       uint64_t bits;
       std::memcpy(&bits, &d, sizeof bits);
       return mix(bits);
     }
     case Kind::Date: {
-      double d = std::get<Date>(storage_).secondsSince1970;
+      double d = as<Date>().secondsSince1970;
       if (d == 0) d = 0;  // -0 and +0 are equal
       uint64_t bits;
       std::memcpy(&bits, &d, sizeof bits);
       return mix(bits ^ 0xda7eULL);
     }
-    case Kind::String: {
-      return std::get<detail::SharedText>(storage_).hash();
-    }
+    case Kind::String:
+      return tag_ == kInlineText ? hashText(stringView()) : as<detail::SharedText>().hash();
     case Kind::Data: {
-      const Data& d = *std::get<std::shared_ptr<const Data>>(storage_);
+      const Data& d = *as<std::shared_ptr<const Data>>();
       return hashBytes(d.data(), d.size()) ^ 0xd474ULL;
     }
     case Kind::Array: {
       size_t h = 0xa7700ULL;
-      for (const auto& element : *std::get<std::shared_ptr<const Array>>(storage_)) h = mix(h * 31 + element.hash());
+      for (const auto& element : *as<std::shared_ptr<const Array>>()) h = mix(h * 31 + element.hash());
       return h;
     }
     case Kind::Dictionary: {
       // Order-independent, so that equal dictionaries hash alike.
       size_t h = 0;
-      for (const auto& [key, value] : *std::get<std::shared_ptr<const Dictionary>>(storage_)) {
+      for (const auto& [key, value] : *as<std::shared_ptr<const Dictionary>>()) {
         h += mix(key.hash() * 31 + value.hash());
       }
       return mix(h ^ 0xd1c7ULL);
     }
     case Kind::Set: {
       size_t h = 0;
-      for (const auto& member : *std::get<std::shared_ptr<const Set>>(storage_)) h += member.hash();
+      for (const auto& member : *as<std::shared_ptr<const Set>>()) h += member.hash();
       return mix(h ^ 0x5e7ULL);
     }
     case Kind::Object:
-      return std::get<std::shared_ptr<Object>>(storage_)->hash();
+      return as<std::shared_ptr<Object>>()->hash();
   }
   return 0;
 }
@@ -438,6 +449,7 @@ size_t Value::identityHash() const noexcept {
     case Kind::Date:
       return hash();
     default:
+      if (tag_ == kInlineText) return hash();
       return mix(reinterpret_cast<uintptr_t>(heapPointer()));
   }
 }
@@ -504,19 +516,19 @@ void Value::appendDescription(std::string& out, bool nested) const {
       out += "<null>";
       return;
     case Kind::Boolean:
-      out += std::get<bool>(storage_) ? "true" : "false";
+      out += as<bool>() ? "true" : "false";
       return;
     case Kind::Integer: {
       char buffer[24];
-      auto result = std::to_chars(buffer, buffer + sizeof buffer, std::get<int64_t>(storage_));
+      auto result = std::to_chars(buffer, buffer + sizeof buffer, as<int64_t>());
       out.append(buffer, result.ptr);
       return;
     }
     case Kind::Real:
-      appendReal(out, std::get<double>(storage_));
+      appendReal(out, as<double>());
       return;
     case Kind::Date:
-      appendDate(out, std::get<Date>(storage_).secondsSince1970);
+      appendDate(out, as<Date>().secondsSince1970);
       return;
     case Kind::String: {
       std::string_view s = string();

@@ -5,14 +5,15 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
 #include <utility>
-#include <variant>
 #include <vector>
 
 #include <tsl/ordered_map.h>
@@ -113,7 +114,9 @@ struct Date {
 // Object.
 //
 // Containers and strings are shared and never change once built: copying a
-// Value is cheap and never deep. Code that changes a list works on an Array
+// Value is cheap and never deep. A string of at most 22 bytes is held in the
+// value itself, so the view string() answers lives only as long as that value
+// stays where it is; a longer string's view lives as long as any copy. Code that changes a list works on an Array
 // and makes a new Value from it. A default-constructed Value is the null value;
 // absence is expressed with std::optional<Value>, never with a null.
 //
@@ -141,13 +144,13 @@ class Value {
   Value() noexcept = default;
   static Value null() noexcept { return Value(); }
 
-  Value(bool b) noexcept : storage_(b) {}
+  Value(bool b) noexcept { emplace<bool>(Kind::Boolean, b); }
   template <std::integral T>
   requires(!std::same_as<T, bool>) Value(T i)
-  noexcept : storage_(static_cast<int64_t>(i)) {}
-  Value(double d) noexcept : storage_(d) {}
-  Value(float d) noexcept : storage_(static_cast<double>(d)) {}
-  Value(Date d) noexcept : storage_(d) {}
+  noexcept { emplace<int64_t>(Kind::Integer, static_cast<int64_t>(i)); }
+  Value(double d) noexcept { emplace<double>(Kind::Real, d); }
+  Value(float d) noexcept { emplace<double>(Kind::Real, static_cast<double>(d)); }
+  Value(Date d) noexcept { emplace<Date>(Kind::Date, d); }
   Value(const char* s);
   Value(std::string_view s);
   Value(const std::string& s);
@@ -159,6 +162,42 @@ class Value {
   requires std::derived_from<T, Object> Value(std::shared_ptr<T> object)
   noexcept : Value(std::shared_ptr<Object>(std::move(object))) {}
 
+  Value(const Value& other) noexcept : tag_(other.tag_) {
+    if (holdsHeapBlock()) {
+      forHeapType(tag_, [&]<class T>() { ::new (payload_) T(other.as<T>()); });
+    } else {
+      std::memcpy(payload_, other.payload_, sizeof payload_);
+    }
+  }
+  Value(Value&& other) noexcept : tag_(other.tag_) {
+    if (holdsHeapBlock()) {
+      forHeapType(tag_, [&]<class T>() {
+        ::new (payload_) T(std::move(other.as<T>()));
+        other.as<T>().~T();
+      });
+      other.tag_ = 0;
+    } else {
+      std::memcpy(payload_, other.payload_, sizeof payload_);
+    }
+  }
+  Value& operator=(const Value& other) noexcept {
+    if (this != &other) {
+      Value copy(other);
+      *this = std::move(copy);
+    }
+    return *this;
+  }
+  Value& operator=(Value&& other) noexcept {
+    if (this != &other) {
+      this->~Value();
+      ::new (this) Value(std::move(other));
+    }
+    return *this;
+  }
+  ~Value() {
+    if (holdsHeapBlock()) forHeapType(tag_, [&]<class T>() { as<T>().~T(); });
+  }
+
   static Value date(double secondsSince1970) noexcept { return Value(Date{secondsSince1970}); }
   static Value data(Data bytes);
   static Value array(std::initializer_list<Value> elements) { return Value(Array(elements)); }
@@ -166,7 +205,7 @@ class Value {
   static Value dictionary(std::initializer_list<std::pair<Value, Value>> entries);
   static Value set(std::initializer_list<Value> members);
 
-  Kind kind() const noexcept { return static_cast<Kind>(storage_.index()); }
+  Kind kind() const noexcept { return static_cast<Kind>(tag_ & 0x7F); }
   bool isNull() const noexcept { return kind() == Kind::Null; }
   bool isBoolean() const noexcept { return kind() == Kind::Boolean; }
   bool isInteger() const noexcept { return kind() == Kind::Integer; }
@@ -211,25 +250,22 @@ class Value {
   std::optional<Value> operator[](std::string_view key) const;
   std::optional<Value> objectForKey(const Value& key) const;
 
-  // The same object: the same container, string, data or object; for scalars the
-  // same kind and bits.
+  // The same object: the same container, long string, data or object; for
+  // scalars and strings of at most 22 bytes the same kind and bits.
   bool isIdenticalTo(const Value& other) const noexcept;
   bool isEqual(const Value& other) const { return *this == other; }
   friend bool operator==(const Value& a, const Value& b) {
     // Integers and strings, by far the most common keys, skip the general path.
-    if (a.storage_.index() == b.storage_.index()) {
-      if (a.kind() == Kind::Integer) return std::get<int64_t>(a.storage_) == std::get<int64_t>(b.storage_);
-      if (a.kind() == Kind::String) {
-        const auto& x = std::get<detail::SharedText>(a.storage_);
-        const auto& y = std::get<detail::SharedText>(b.storage_);
-        return x.identity() == y.identity() || x.view() == y.view();
-      }
+    if (a.kind() == b.kind()) {
+      if (a.kind() == Kind::Integer) return a.as<int64_t>() == b.as<int64_t>();
+      if (a.kind() == Kind::String) return a.stringView() == b.stringView();
     }
     return equalValues(a, b);
   }
   size_t hash() const noexcept {
-    if (kind() == Kind::Integer) return hashInteger(std::get<int64_t>(storage_));
-    if (kind() == Kind::String) return std::get<detail::SharedText>(storage_).hash();
+    if (kind() == Kind::Integer) return hashInteger(as<int64_t>());
+    if (tag_ == kInlineText) return hashText(stringView());
+    if (kind() == Kind::String) return as<detail::SharedText>().hash();
     return hashSlow();
   }
   static size_t hashInteger(int64_t i) noexcept {
@@ -255,14 +291,72 @@ class Value {
   void appendDescription(std::string& out, bool nested) const;
 
  private:
-  using Storage = std::variant<std::monostate, bool, int64_t, double, Date, detail::SharedText,
-                               std::shared_ptr<const Data>, std::shared_ptr<const Array>,
-                               std::shared_ptr<const Dictionary>, std::shared_ptr<const Set>, std::shared_ptr<Object>>;
+  // A value is 24 bytes: 23 of payload and a tag. The tag is the Kind; a
+  // string of at most kInlineTextCapacity bytes is kept in the payload itself
+  // (its length in the payload's last byte) and tagged Kind::String with
+  // kInlineText added. Short strings, the usual keys and names, so cost no
+  // allocation, no reference counting and no cache miss to read.
+  // Longer strings, data, containers and objects hold one shared heap block.
+  static constexpr uint8_t kInlineText = 0x80 | static_cast<uint8_t>(Kind::String);
+  static constexpr size_t kInlineTextCapacity = 22;
+
+  template <class T, class... Args>
+  void emplace(Kind kind, Args&&... args) noexcept {
+    ::new (payload_) T(std::forward<Args>(args)...);
+    tag_ = static_cast<uint8_t>(kind);
+  }
+  template <class T>
+  T& as() noexcept {
+    return *std::launder(reinterpret_cast<T*>(payload_));
+  }
+  template <class T>
+  const T& as() const noexcept {
+    return *std::launder(reinterpret_cast<const T*>(payload_));
+  }
+  // Long strings, data, containers and objects; never an inline string.
+  bool holdsHeapBlock() const noexcept { return tag_ >= static_cast<uint8_t>(Kind::String) && tag_ < 0x80; }
+  // Calls f.template operator()<T>() with the type of a heap-held payload.
+  template <class F>
+  static void forHeapType(uint8_t tag, F&& f) {
+    switch (static_cast<Kind>(tag)) {
+      case Kind::String:
+        f.template operator()<detail::SharedText>();
+        break;
+      case Kind::Data:
+        f.template operator()<std::shared_ptr<const Data>>();
+        break;
+      case Kind::Array:
+        f.template operator()<std::shared_ptr<const Array>>();
+        break;
+      case Kind::Dictionary:
+        f.template operator()<std::shared_ptr<const Dictionary>>();
+        break;
+      case Kind::Set:
+        f.template operator()<std::shared_ptr<const Set>>();
+        break;
+      case Kind::Object:
+        f.template operator()<std::shared_ptr<Object>>();
+        break;
+      default:
+        break;
+    }
+  }
+  // The text of a string value (either representation).
+  std::string_view stringView() const noexcept {
+    if (tag_ == kInlineText) return {reinterpret_cast<const char*>(payload_), payload_[kInlineTextCapacity]};
+    return as<detail::SharedText>().view();
+  }
+  void setString(std::string_view text);
+  static size_t hashText(std::string_view text) noexcept { return std::hash<std::string_view>()(text); }
   const void* heapPointer() const noexcept;
   static bool equalValues(const Value& a, const Value& b);
   size_t hashSlow() const noexcept;
-  Storage storage_;
+
+  alignas(8) unsigned char payload_[23];
+  uint8_t tag_ = 0;
 };
+
+static_assert(sizeof(Value) == 24);
 
 // Key-value reading: a dictionary answers its entry for a string key; an object
 // answers through Object::valueForKey. Anything else, or a missing key, gives

@@ -53,14 +53,22 @@ TEST(ListTransform, CompositionCancelsAndJoinsMoves) {
 }
 
 TEST(ListTransform, TransitionComparesByIdentityOrEquality) {
-  const Array same = letters("abc");
+  // Texts longer than a value holds inline are separate string objects.
+  auto longTexts = [] {
+    Array texts;
+    for (char c : std::string_view("abc")) texts.emplace_back(std::string(30, c));
+    return texts;
+  };
+  const Array same = longTexts();
   auto unchanged = transformForTransitioningFromArrayToArrayObjectComparison(same, same, 0);
   EXPECT_TRUE(unchanged->isIdentity());
   EXPECT_EQ(std::dynamic_pointer_cast<UGMutableListTransform>(unchanged), nullptr);
   // Equal texts in new string objects are not the same objects; every mode but 0 compares by equality.
-  EXPECT_EQ(shape(*transformForTransitioningFromArrayToArrayObjectComparison(same, letters("abc"), 0)),
+  EXPECT_EQ(shape(*transformForTransitioningFromArrayToArrayObjectComparison(same, longTexts(), 0)),
             "-0 -1 -2 +0 +1 +2 ");
-  EXPECT_TRUE(transformForTransitioningFromArrayToArrayObjectComparison(same, letters("abc"), 7)->isIdentity());
+  EXPECT_TRUE(transformForTransitioningFromArrayToArrayObjectComparison(same, longTexts(), 7)->isIdentity());
+  // Short texts live in the value, so equal ones are the same string.
+  EXPECT_TRUE(transformForTransitioningFromArrayToArrayObjectComparison(letters("abc"), letters("abc"), 0)->isIdentity());
 }
 
 TEST(ListTransform, CopiesOffsetsAndDerivedTransforms) {

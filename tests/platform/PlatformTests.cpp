@@ -52,10 +52,17 @@ TEST(Value, EqualityAndHashAgree) {
   };
   for (const auto& [a, b] : different) EXPECT_NE(a, b) << a.description() << " vs " << b.description();
 
-  Value s("text");
+  // A string longer than 22 bytes is its own heap object; a shorter one is
+  // held in the value, so equal short strings are identical, like numbers.
+  const std::string longText(23, 'x');
+  Value s(longText);
   Value copy = s;
   EXPECT_TRUE(copy.isIdenticalTo(s));
-  EXPECT_FALSE(Value("text").isIdenticalTo(s));
+  EXPECT_FALSE(Value(longText).isIdenticalTo(s));
+  EXPECT_EQ(Value(longText), s);
+  EXPECT_TRUE(Value(longText.substr(1)).isIdenticalTo(Value(longText.substr(1))));
+  EXPECT_EQ(Value(longText.substr(1)).identityHash(), Value(longText.substr(1)).identityHash());
+  EXPECT_FALSE(Value(longText.substr(1)).isIdenticalTo(Value(longText.substr(2))));
   EXPECT_TRUE(Value(3).isIdenticalTo(Value(3)));
   EXPECT_FALSE(Value(3).isIdenticalTo(Value(3.0)));
 
@@ -66,6 +73,44 @@ TEST(Value, EqualityAndHashAgree) {
   std::unordered_set<Value> set{Value(1), Value(1.0), Value(true), Value("1")};
   EXPECT_EQ(set.size(), 2u);
   EXPECT_THROW(Value(1).string(), Exception);
+}
+
+// Strings up to 22 bytes live inside the value, longer ones on the heap: both
+// must keep their bytes through copies, moves, assignment and vector growth,
+// and agree with each other on order and hashing.
+TEST(Value, StringsOfEveryLengthKeepTheirBytes) {
+  std::vector<std::string> texts;
+  for (size_t length = 0; length <= 30; ++length) {
+    std::string text;
+    for (size_t i = 0; i < length; ++i) text += static_cast<char>(i % 7 == 3 ? '\0' : 'a' + (i * 5) % 26);
+    texts.push_back(text);
+  }
+  texts.emplace_back("\xC3\xA9t\xC3\xA9 \xE2\x80\x94 Gr\xC3\xBC\xC3\x9F");
+  Array values;  // grows, so elements are moved while the test runs
+  for (const auto& text : texts) {
+    Value v(text);
+    Value copy = v, moved = Value(text), assigned = Value(1), selfAssigned(text);
+    assigned = v;
+    Value& alias = selfAssigned;
+    selfAssigned = alias;
+    Value& movedAlias = moved;
+    moved = std::move(movedAlias);
+    for (const Value* each : {&v, &copy, &moved, &assigned, &selfAssigned}) {
+      EXPECT_EQ(each->string(), text);
+      EXPECT_EQ(*each, v);
+      EXPECT_EQ(each->hash(), v.hash());
+    }
+    values.push_back(std::move(copy));
+  }
+  for (size_t i = 0; i < texts.size(); ++i) {
+    EXPECT_EQ(values[i].string(), texts[i]);
+    for (size_t j = 0; j < texts.size(); ++j) {
+      int expected = texts[i] < texts[j] ? -1 : (texts[j] < texts[i] ? 1 : 0);
+      EXPECT_EQ(values[i].compare(values[j]), expected) << i << " " << j;
+    }
+  }
+  std::unordered_set<Value> distinct(values.begin(), values.end());
+  EXPECT_EQ(distinct.size(), texts.size());
 }
 
 TEST(Value, TextForm) {
