@@ -411,7 +411,7 @@ size_t Value::hashSlow() const noexcept {
       return mix(bits ^ 0xda7eULL);
     }
     case Kind::String:
-      return tag_ == kInlineText ? hashText(stringView()) : as<detail::SharedText>().hash();
+      return stringHash();
     case Kind::Data: {
       const Data& d = *as<std::shared_ptr<const Data>>();
       return hashBytes(d.data(), d.size()) ^ 0xd474ULL;

@@ -264,8 +264,7 @@ class Value {
   }
   size_t hash() const noexcept {
     if (kind() == Kind::Integer) return hashInteger(as<int64_t>());
-    if (tag_ == kInlineText) return hashText(stringView());
-    if (kind() == Kind::String) return as<detail::SharedText>().hash();
+    if (kind() == Kind::String) return stringHash();
     return hashSlow();
   }
   static size_t hashInteger(int64_t i) noexcept {
@@ -346,8 +345,13 @@ class Value {
     if (tag_ == kInlineText) return {reinterpret_cast<const char*>(payload_), payload_[kInlineTextCapacity]};
     return as<detail::SharedText>().view();
   }
+  // A long string's hash is computed once and kept in its block; a short
+  // one's is computed from the few bytes each time.
+  size_t stringHash() const noexcept {
+    if (tag_ == kInlineText) return std::hash<std::string_view>()(stringView());
+    return as<detail::SharedText>().hash();
+  }
   void setString(std::string_view text);
-  static size_t hashText(std::string_view text) noexcept { return std::hash<std::string_view>()(text); }
   const void* heapPointer() const noexcept;
   static bool equalValues(const Value& a, const Value& b);
   size_t hashSlow() const noexcept;
