@@ -1,22 +1,21 @@
 // A small entity store that transactions are applied to, and a generator of
 // random transactions over a few UUIDs, properties and relations.
 //
-// The store follows the composition table's intent, deliberate entries
-// included: a DELETE only marks a record dead and keeps its values, and a
-// CREATE on a dead record revives it, overwriting what the CREATE sets and
-// keeping the rest (so DELETE then CREATE acts as the UPDATE it composes to).
-// Only live records are observable.
+// The store follows the composition table, deliberate entries included: a
+// DELETE only marks a record dead and keeps its values, and a CREATE on a dead
+// record revives it, overwriting what it sets and keeping the rest (so DELETE
+// then CREATE acts as the UPDATE it composes to). Only live records are seen.
 //
-// The generator makes histories that are valid for the store (UPDATE and
-// DELETE on live records, CREATE on records that are not live) and that stay
-// clear of the sequences on which composition is not associative: per UUID at
-// most one CREATE, and none after an UPDATE. (UPDATE x, DELETE, CREATE y
-// composes to UPDATE y grouped left and to UPDATE x+y grouped right; CREATE x,
-// DELETE, CREATE y to CREATE y and CREATE x+y.)
+// Histories are valid for the store (UPDATE and DELETE on live records, CREATE
+// on others) and avoid the sequences on which composition is not associative:
+// per UUID at most one CREATE, and none after an UPDATE. (UPDATE x, DELETE,
+// CREATE y composes to UPDATE y grouped left and to UPDATE x+y grouped right;
+// CREATE x, DELETE, CREATE y to CREATE y and CREATE x+y.)
 #pragma once
 
 #include <map>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -25,21 +24,26 @@
 namespace loomwork::graphtest {
 
 using Rng = std::mt19937_64;
+constexpr auto C = UGEntityOperationTypeCreate, U = UGEntityOperationTypeUpdate, D = UGEntityOperationTypeDelete,
+               I = UGEntityOperationTypeIdentity;
 
 inline int uniform(Rng& rng, int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); }
 
-struct Record { bool live = false; std::map<std::string, Value> properties; std::map<std::string, Array> lists; };
+struct Record {
+  bool live = false;
+  std::map<std::string, Value> properties;
+  std::map<std::string, Array> lists;
+};
 using Store = std::map<std::string, Record>;  // a missing UUID never existed
 
 inline const std::vector<std::string> kUUIDs = {"U0", "U1", "U2", "U3", "U4", "U5"};
 inline const std::vector<std::string> kProperties = {"a", "b", "c", "d"};
 inline const std::vector<std::string> kRelations = {"r", "s"};
 
-template <class T> const T& pick(Rng& rng, const std::vector<T>& v) {
+template <class T>
+const T& pick(Rng& rng, const std::vector<T>& v) {
   return v[static_cast<size_t>(uniform(rng, 0, static_cast<int>(v.size()) - 1))];
 }
-
-inline std::string entityNameFor(const std::string& uuid) { return "Kind" + uuid; }
 
 inline Value randomValue(Rng& rng) {
   const int kind = uniform(rng, 0, 4);
@@ -51,9 +55,8 @@ inline Value randomValue(Rng& rng) {
 
 inline void applyOperation(Record& record, const UGEntityOperation& operation) {
   const auto type = operation.type();
-  if (type == UGEntityOperationTypeDelete) record.live = false;
-  if (type == UGEntityOperationTypeCreate) record.live = true;
-  if ((type != UGEntityOperationTypeCreate && type != UGEntityOperationTypeUpdate) || !record.live) return;
+  if (type == C || type == D) record.live = type == C;
+  if ((type != C && type != U) || !record.live) return;
   for (const auto& [name, value] : operation.properties()) record.properties[name] = value;
   for (const auto& [name, transform] : operation.relationTransforms()) applyTransform(record.lists[name], *transform);
 }
@@ -105,36 +108,33 @@ inline Store randomStore(Rng& rng) {
   return store;
 }
 
-struct GeneratorOptions { bool relations = true; int maxOperations = 3; };
-
 // A random sequence of `count` transactions valid from `start` (see above).
 inline std::vector<Ref<UGMutableTransaction>> randomSequence(Rng& rng, const Store& start, int count,
-                                                             GeneratorOptions options = {}) {
+                                                             bool relations = true) {
   Store scratch = start;
-  std::map<std::string, bool> created, updated;
+  std::set<std::string> settled;  // UUIDs that have had a CREATE or an UPDATE
   std::vector<Ref<UGMutableTransaction>> sequence;
   for (int step = 0; step < count; ++step) {
     auto transaction = UGMutableTransaction::transaction();
     transaction->setContainsMutableOperations(uniform(rng, 0, 1) == 1);
-    for (int n = uniform(rng, 0, options.maxOperations); n > 0; --n) {
+    for (int n = uniform(rng, 0, 4); n > 0; --n) {
       const std::string& uuid = pick(rng, kUUIDs);
       if (transaction->operationForUUID(uuid)) continue;
       Record& record = scratch[uuid];
-      std::vector<UGEntityOperationType> allowed = {UGEntityOperationTypeIdentity};
-      if (record.live) allowed.insert(allowed.end(), {UGEntityOperationTypeUpdate, UGEntityOperationTypeDelete});
-      if (!record.live && !created[uuid] && !updated[uuid]) allowed.push_back(UGEntityOperationTypeCreate);
+      std::vector<UGEntityOperationType> allowed = {I};
+      if (record.live) allowed.insert(allowed.end(), {U, D});
+      if (!record.live && !settled.contains(uuid)) allowed.push_back(C);
       const auto type = pick(rng, allowed);
-      auto operation = make<UGMutableEntityOperation>(type, entityNameFor(uuid));
+      auto operation = make<UGMutableEntityOperation>(type, "Kind" + uuid);
       for (const auto& name : kProperties)
         if (uniform(rng, 0, 2) == 0) operation->setValueForProperty(randomValue(rng), name);
       for (const auto& name : kRelations) {
-        if (!options.relations || uniform(rng, 0, 2) != 0) continue;
+        if (!relations || uniform(rng, 0, 2) != 0) continue;
         const Array& old = record.lists[name];
         operation->setTransformForRelation(
             transformForTransitioningFromArrayToArrayObjectComparison(old, editedList(rng, old), 1), name);
       }
-      created[uuid] = created[uuid] || type == UGEntityOperationTypeCreate;
-      updated[uuid] = updated[uuid] || type == UGEntityOperationTypeUpdate;
+      if (type == C || type == U) settled.insert(uuid);
       applyOperation(record, *operation);
       transaction->setOperationForUUID(operation, uuid);
     }
@@ -143,27 +143,15 @@ inline std::vector<Ref<UGMutableTransaction>> randomSequence(Rng& rng, const Sto
   return sequence;
 }
 
-// Content equality of operations regardless of dictionary order; transforms
-// compare by their changes.
-inline bool sameOperation(const UGEntityOperation& a, const UGEntityOperation& b, bool relations = true) {
-  if (a.type() != b.type() || a.entityName() != b.entityName() || a.properties().size() != b.properties().size() ||
-      (relations && a.relationTransforms().size() != b.relationTransforms().size()))
-    return false;
-  for (const auto& [name, value] : a.properties())
-    if (auto other = b.valueForProperty(name); !other || !(*other == value)) return false;
-  for (const auto& [name, transform] : a.relationTransforms())
-    if (auto other = b.transformForRelation(name);
-        relations && (!other || !transform->isEqualToTestChanges(other->testChanges())))
-      return false;
-  return true;
-}
-
-inline bool sameTransaction(const UGTransaction& a, const UGTransaction& b, bool relations = true) {
-  if (a.count() != b.count()) return false;
-  for (const auto& entry : a.operations())
-    if (auto other = b.operationForUUID(entry.uuid); !other || !sameOperation(*entry.operation, *other, relations))
-      return false;
-  return true;
+// A transaction's content as a Value, which compares dictionaries and sets
+// regardless of order: the property-list form (types, entity names and
+// values) and the changes of each relation transform.
+inline Value contentOf(const UGTransaction& transaction) {
+  Dictionary relations;
+  for (const auto& entry : transaction.operations())
+    for (const auto& [name, transform] : entry.operation->relationTransforms())
+      relations.insert_or_assign(Value(entry.uuid + "." + name), Value(transform->testChanges()));
+  return Value::array({transaction.extendedPropertyListRepresentation(), Value(std::move(relations))});
 }
 
 }  // namespace loomwork::graphtest

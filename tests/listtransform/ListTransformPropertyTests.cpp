@@ -1,46 +1,96 @@
 // Seeded randomized checks of the list-transform algebra against the plain
-// step-by-step model.
+// step-by-step model, with the random arrays and random valid batch transforms
+// they run on.
 #include <gtest/gtest.h>
 
-#include "RandomTransforms.h"
+#include <algorithm>
+#include <iterator>
+#include <numeric>
+#include <random>
+#include <stdexcept>
+#include <string>
+
+#include "loomwork/listtransform.h"
 
 namespace loomwork::testing {
 namespace {
 
+// A seeded generator; tests print the seed with SCOPED_TRACE.
+using Rng = std::mt19937_64;
+
+int64_t uniform(Rng& rng, int64_t lo, int64_t hi) {  // [lo, hi]
+  return std::uniform_int_distribution<int64_t>(lo, hi)(rng);
+}
+
+// An array of n integers from a small alphabet, so that elements repeat.
+Array randomArray(Rng& rng, size_t n, int64_t alphabet = 6) {
+  Array a;
+  for (size_t i = 0; i < n; ++i) a.push_back(Value(uniform(rng, 0, alphabet - 1)));
+  return a;
+}
+
+// k distinct values drawn from [0, n), ascending.
+std::vector<int64_t> distinctSorted(Rng& rng, int64_t n, int64_t k) {
+  std::vector<int64_t> all(static_cast<size_t>(n)), chosen;
+  std::iota(all.begin(), all.end(), 0);
+  std::sample(all.begin(), all.end(), std::back_inserter(chosen), k, rng);  // keeps the order
+  return chosen;
+}
+
+// A valid batch transform for an array: plain deletions and moves at distinct
+// old positions, plain insertions and move targets at distinct new positions.
+// Deletions and moves carry the element they take away; insertions carry new
+// values (from 100 up, so they stand out).
+Ref<UGMutableListTransform> randomTransform(Rng& rng, const Array& array) {
+  const auto n = static_cast<int64_t>(array.size());
+  std::vector<int64_t> removed = distinctSorted(rng, n, uniform(rng, 0, n));
+  std::shuffle(removed.begin(), removed.end(), rng);
+  const auto moveCount = static_cast<size_t>(uniform(rng, 0, static_cast<int64_t>(removed.size())));
+  const int64_t insertionCount = uniform(rng, 0, 4);
+  const int64_t finalCount = n - static_cast<int64_t>(removed.size() - moveCount) + insertionCount;
+  std::vector<int64_t> targets = distinctSorted(rng, finalCount, static_cast<int64_t>(moveCount) + insertionCount);
+  std::shuffle(targets.begin(), targets.end(), rng);
+
+  auto t = UGMutableListTransform::transform();
+  for (size_t k = 0; k < removed.size(); ++k) {
+    const Value& object = array[static_cast<size_t>(removed[k])];
+    EXPECT_TRUE(k < moveCount ? t->recordMovedObjectFromIndexToIndex(object, removed[k], targets[k])
+                              : t->recordDeletedObjectFromIndex(object, removed[k]));
+  }
+  for (size_t k = moveCount; k < targets.size(); ++k)
+    EXPECT_TRUE(t->recordInsertedObjectAtIndex(Value(100 + uniform(rng, 0, 5)), targets[k]));
+  return t;
+}
+
+// The model of application: remove at every deletion index from the highest
+// down, then insert every insertion's object from the lowest index up.
+Array applyStepByStep(Array array, const UGListTransform& t) {
+  for (auto it = t.deletions().rbegin(); it != t.deletions().rend(); ++it) array.erase(array.begin() + (*it)->index());
+  for (const auto& item : t.insertions())
+    array.insert(array.begin() + item->index(), item->object().value_or(Value::null()));
+  return array;
+}
+
+// Checks the canonical form: both arrays strictly ascending, links mutual and
+// between a deletion and an insertion of this transform.
+::testing::AssertionResult isCanonical(const UGListTransform& t) {
+  for (const auto* items : {&t.deletions(), &t.insertions()}) {
+    const auto& partners = items == &t.deletions() ? t.insertions() : t.deletions();
+    for (size_t i = 0; i < items->size(); ++i) {
+      const UGListTransformItem *item = (*items)[i].get(), *partner = item->moveLinkItem();
+      auto isPartner = [&](const Ref<UGListTransformItem>& p) { return p.get() == partner; };
+      if ((i > 0 && (*items)[i - 1]->index() >= item->index()) ||
+          (partner && (partner->moveLinkItem() != item || std::none_of(partners.begin(), partners.end(), isPartner))))
+        return ::testing::AssertionFailure() << "not canonical at " << item->index() << ":\n" << t.description();
+    }
+  }
+  return ::testing::AssertionSuccess();
+}
+
+std::string describeArray(const Array& a) { return Value(a).description(); }
+
 constexpr uint64_t kSeed = 20261122;
 constexpr int kCases = 3000;
-
-TEST(ListTransformProperties, CompositionAgreesWithApplyingOneAfterTheOther) {
-  Rng rng(kSeed);
-  for (int c = 0; c < kCases; ++c) {
-    SCOPED_TRACE("seed " + std::to_string(kSeed) + " case " + std::to_string(c));
-    Array a = randomArray(rng, static_cast<size_t>(uniform(rng, 0, 10)));
-    auto first = randomTransform(rng, a);
-    Array middle = applyStepByStep(a, *first);
-    auto second = randomTransform(rng, middle);
-    Array expected = applyStepByStep(middle, *second);
-
-    auto appended = first->transformByAppendingTransform(*second);
-    ASSERT_TRUE(isCanonical(*appended));
-    ASSERT_EQ(describeArray(arrayByApplyingTransform(a, *appended)), describeArray(expected))
-        << first->description() << second->description() << appended->description();
-
-    auto prepended = second->mutableCopy();
-    prepended->prependTransform(*first);
-    ASSERT_TRUE(isCanonical(*prepended));
-    ASSERT_EQ(describeArray(arrayByApplyingTransform(a, *prepended)), describeArray(expected));
-
-    // The arguments are left alone, and the inverse, with its objects, undoes the transform.
-    ASSERT_EQ(arrayByApplyingTransform(a, *first), middle);
-    ASSERT_EQ(arrayByApplyingTransform(middle, *second), expected);
-    ASSERT_EQ(arrayByApplyingTransform(middle, *first->inverseTransform()), a) << first->description();
-  }
-}
-
-std::string withoutClassName(const UGListTransform& t) {
-  std::string text = t.description();
-  return text.substr(text.find(" with "));
-}
 
 // Dropping needless moves as a plain walk over a working copy of the
 // insertions, searched linearly.
@@ -59,9 +109,8 @@ void literalNormalizeMoves(UGMutableListTransform& t) {
     }
   }
   UGListTransformItemArray kept;
-  for (size_t p = 0; p < drop.size(); ++p) {
+  for (size_t p = 0; p < drop.size(); ++p)
     if (!drop[p]) kept.push_back(t.deletions()[p]);
-  }
   t.mutableDeletions() = kept;
   t.mutableInsertions() = working;
 }
@@ -83,9 +132,8 @@ Ref<UGListTransform> literalTransition(const Array& from, const Array& to, int m
       t->recordDeletedObjectFromIndex(from[i], static_cast<int64_t>(i));
     }
   }
-  for (size_t j = 0; j < to.size(); ++j) {
+  for (size_t j = 0; j < to.size(); ++j)
     if (!claimed[j]) t->recordInsertedObjectAtIndex(to[j], static_cast<int64_t>(j));
-  }
   literalNormalizeMoves(*t);
   return t;
 }
@@ -110,84 +158,35 @@ TEST(ListTransformProperties, TransitionReachesTheNewArrayInBothComparisonModes)
       const Array reached = arrayByApplyingTransform(a, *t);
       ASSERT_EQ(reached, b) << t->description();
       for (size_t i = 0; mode == 0 && i < b.size(); ++i) ASSERT_TRUE(reached[i].isIdenticalTo(b[i])) << i;
-      ASSERT_EQ(arrayByApplyingTransformIgnoringObjectsInTransform(a, *t, false), b);
-      ASSERT_EQ(withoutClassName(*t), withoutClassName(*literalTransition(a, b, mode)));
+      ASSERT_TRUE(t->isEqualToTestChanges(literalTransition(a, b, mode)->testChanges())) << t->description();
     }
   }
 }
 
-// Replays the single steps on a copy of the old array, checking each index
-// when it is used. Insertion steps take the object of the insertion item at
-// that final index.
-Array replayLinearized(const Array& old, const UGListTransform& t, bool withMoves, std::string* failure) {
-  Array array = old;
-  auto valid = [&](int64_t index, int64_t slack, const char* step) {
-    if (index >= 0 && index < static_cast<int64_t>(array.size()) + slack) return true;
-    if (failure->empty()) *failure = step + std::to_string(index);
-    return false;
+// Replays the single steps on a copy of the old array; an index that is not
+// valid when its step is made throws. Insertion steps take the object of the
+// insertion item at that final index.
+Array replayLinearized(Array array, const UGListTransform& t, bool withMoves) {
+  auto at = [&array](int64_t index, int64_t slack) {
+    if (index < 0 || index >= static_cast<int64_t>(array.size()) + slack)
+      throw std::out_of_range(std::to_string(index));
+    return array.begin() + index;
   };
-  auto remove = [&](int64_t index) {
-    if (valid(index, 0, "removal at ")) array.erase(array.begin() + index);
-  };
+  auto remove = [&](int64_t index) { array.erase(at(index, 0)); };
   auto insert = [&](int64_t index) {
     Value object("missing insertion");
     for (const auto& item : t.insertions())
       if (item->index() == index) object = item->object().value_or(Value::null());
-    if (valid(index, 1, "insertion at ")) array.insert(array.begin() + index, object);
+    array.insert(at(index, 1), object);
   };
   auto move = [&](int64_t from, int64_t to) {
-    if (!valid(from, 0, "move from ") || !valid(to, 0, "move to ")) return;
-    Value v = array[static_cast<size_t>(from)];
-    array.erase(array.begin() + from);
-    array.insert(array.begin() + to, v);
+    Value v = *at(from, 0);
+    array.erase(at(from, 0));
+    array.insert(at(to, 1), v);
   };
-  if (withMoves) {
-    t.enumerateTransformAsLinearizedDeletionsMovesInsertions(remove, move, insert);
-  } else {
-    t.enumerateTransformAsLinearizedDeletionsInsertions(remove, insert);
-  }
+  withMoves ? t.enumerateTransformAsLinearizedDeletionsMovesInsertions(remove, move, insert)
+            : t.enumerateTransformAsLinearizedDeletionsInsertions(remove, insert);
   return array;
-}
-
-TEST(ListTransformProperties, LinearizedStepsAndIndexMappingAgreeWithApplication) {
-  Rng rng(kSeed + 3);
-  for (int c = 0; c < kCases; ++c) {
-    SCOPED_TRACE("seed " + std::to_string(kSeed + 3) + " case " + std::to_string(c));
-    // Distinct elements, so that a move to the wrong place shows.
-    Array a;
-    for (int64_t i = 0, n = uniform(rng, 0, 14); i < n; ++i) a.push_back(Value(i));
-    auto t = randomTransform(rng, a);
-    Array expected = applyStepByStep(a, *t);
-    for (bool withMoves : {true, false}) {
-      std::string failure;
-      Array replayed = replayLinearized(a, *t, withMoves, &failure);
-      ASSERT_EQ(failure, "") << t->description();
-      ASSERT_EQ(describeArray(replayed), describeArray(expected)) << t->description();
-    }
-
-    // transformIndex agrees with where application puts each element.
-    Array result = arrayByApplyingTransform(a, *t);
-    IndexSet some, expectedSet;
-    for (int64_t i = 0; i < static_cast<int64_t>(a.size()); ++i) {
-      std::optional<Value> deleted;
-      int64_t to = t->transformIndexDeletedObject(i, &deleted);
-      ASSERT_EQ(t->transformIndex(i), to);
-      if (to == NotFound) {
-        ASSERT_TRUE(deleted.has_value());
-        ASSERT_EQ(*deleted, a[static_cast<size_t>(i)]);
-      } else {
-        ASSERT_FALSE(deleted.has_value());
-        ASSERT_LT(to, static_cast<int64_t>(result.size()));
-        ASSERT_EQ(result[static_cast<size_t>(to)], a[static_cast<size_t>(i)]) << i << "\n" << t->description();
-      }
-      if (uniform(rng, 0, 1) == 1) {
-        some.addIndex(i);
-        if (to != NotFound) expectedSet.addIndex(to);
-      }
-    }
-    ASSERT_EQ(indexSetByApplyingTransform(some, *t), expectedSet) << some.description();
-    ASSERT_EQ(t->transformIndex(NotFound), NotFound);
-  }
 }
 
 TEST(ListTransformProperties, FastLinearizationEmitsTheStepsOfThePlainWalk) {
@@ -198,47 +197,84 @@ TEST(ListTransformProperties, FastLinearizationEmitsTheStepsOfThePlainWalk) {
     const int64_t n = uniform(rng, 0, 30);
     // Distinct sources (as in any list transform), arbitrary targets, some
     // inserts with repeated targets, and now and then an invalid operation.
-    for (int64_t from : distinctSorted(rng, 40, n)) {
+    for (int64_t from : distinctSorted(rng, 40, n))
       changes.push_back({from, uniform(rng, 0, 3) == 0 ? -1 : uniform(rng, 0, 40)});
-    }
     for (int64_t k = uniform(rng, 0, 6); k > 0; --k) changes.push_back({-1, uniform(rng, 0, 40)});
     if (c % 10 == 0) changes.push_back({-1, -1});
     std::shuffle(changes.begin(), changes.end(), rng);
-    auto fast = TWArrayOperationLinearizer::linearize(changes);
-    auto plain = TWArrayOperationLinearizer::linearizeLiterally(changes);
-    ASSERT_EQ(fast.size(), plain.size());
-    for (size_t i = 0; i < fast.size(); ++i) {
-      ASSERT_EQ(fast[i].fromIndex, plain[i].fromIndex) << "step " << i;
-      ASSERT_EQ(fast[i].toIndex, plain[i].toIndex) << "step " << i;
-    }
+    const auto fast = TWArrayOperationLinearizer::linearize(changes);
+    const auto plain = TWArrayOperationLinearizer::linearizeLiterally(changes);
+    ASSERT_TRUE(std::equal(fast.begin(), fast.end(), plain.begin(), plain.end(), [](const auto& x, const auto& y) {
+      return x.fromIndex == y.fromIndex && x.toIndex == y.toIndex;
+    }));
   }
 }
 
-TEST(ListTransformProperties, CopiesNormalizationAndDerivedTransformsMatchTheirModels) {
-  Rng rng(kSeed + 6);
+TEST(ListTransformProperties, TransformsAgreeWithTheStepByStepModel) {
+  Rng rng(kSeed);
   for (int c = 0; c < kCases; ++c) {
-    SCOPED_TRACE("seed " + std::to_string(kSeed + 6) + " case " + std::to_string(c));
-    Array a = randomArray(rng, static_cast<size_t>(uniform(rng, 0, 12)));
+    SCOPED_TRACE("seed " + std::to_string(kSeed) + " case " + std::to_string(c));
+    // Distinct elements, so that a move to the wrong place shows.
+    Array a;
+    for (int64_t i = 0, n = uniform(rng, 0, 14); i < n; ++i) a.push_back(Value(i));
     auto t = randomTransform(rng, a);
+    Array middle = applyStepByStep(a, *t);
+    auto second = randomTransform(rng, middle);
+    Array expected = applyStepByStep(middle, *second);
+
+    for (bool withMoves : {true, false}) {
+      Array replayed;
+      ASSERT_NO_THROW(replayed = replayLinearized(a, *t, withMoves)) << t->description();
+      ASSERT_EQ(describeArray(replayed), describeArray(middle)) << t->description();
+    }
+    // transformIndex finds each element where the model puts it, and reports a deleted one.
+    IndexSet some, expectedSet;
+    for (int64_t i = 0; i < static_cast<int64_t>(a.size()); ++i) {
+      const Value& element = a[static_cast<size_t>(i)];
+      const auto found = std::find(middle.begin(), middle.end(), element);
+      const int64_t to = found == middle.end() ? NotFound : found - middle.begin();
+      std::optional<Value> deleted;
+      ASSERT_EQ(t->transformIndexDeletedObject(i, &deleted), to) << i << "\n" << t->description();
+      ASSERT_EQ(t->transformIndex(i), to);
+      ASSERT_EQ(deleted, to == NotFound ? std::optional(element) : std::nullopt);
+      if (uniform(rng, 0, 1) == 1) {
+        some.addIndex(i);
+        if (to != NotFound) expectedSet.addIndex(to);
+      }
+    }
+    ASSERT_EQ(indexSetByApplyingTransform(some, *t), expectedSet) << some.description();
+    ASSERT_EQ(t->transformIndex(NotFound), NotFound);
+
+    auto appended = t->transformByAppendingTransform(*second);
+    ASSERT_TRUE(isCanonical(*appended));
+    ASSERT_EQ(describeArray(arrayByApplyingTransform(a, *appended)), describeArray(expected))
+        << t->description() << second->description() << appended->description();
+    auto prepended = second->mutableCopy();
+    prepended->prependTransform(*t);
+    ASSERT_TRUE(isCanonical(*prepended));
+    ASSERT_EQ(describeArray(arrayByApplyingTransform(a, *prepended)), describeArray(expected));
+    // The arguments are left alone, and the inverse, with its objects, undoes the transform.
+    ASSERT_EQ(arrayByApplyingTransform(a, *t), middle);
+    ASSERT_EQ(arrayByApplyingTransform(middle, *second), expected);
+    ASSERT_EQ(arrayByApplyingTransform(middle, *t->inverseTransform()), a) << t->description();
+    ASSERT_EQ(t->cardinalityChange(), static_cast<int64_t>(middle.size()) - static_cast<int64_t>(a.size()));
+
     auto copy = t->mutableCopy();
     ASSERT_EQ(copy->description(), t->description());
     ASSERT_TRUE(isCanonical(*copy));
     for (size_t i = 0; i < copy->deletions().size(); ++i) ASSERT_NE(copy->deletions()[i], t->deletions()[i]);
-    ASSERT_EQ(t->testChanges().size(), copy->testChanges().size());
     ASSERT_TRUE(copy->isEqualToTestChanges(t->testChanges()));
+    ASSERT_EQ(UGListTransform::transformWithTestChanges(t->testChanges())->description(), t->description());
+    auto recorded = UGMutableListTransform::transform();
+    recorded->recordChangesFromTransform(*t);
+    ASSERT_EQ(recorded->description(), t->description());
     // Normalizing moves agrees with the plain walk.
     auto normalized = t->mutableCopy(), walked = t->mutableCopy();
     normalized->normalizeMoves();
     literalNormalizeMoves(*walked);
     ASSERT_EQ(normalized->description(), walked->description()) << t->description();
     ASSERT_TRUE(isCanonical(*normalized));
-    ASSERT_EQ(arrayByApplyingTransform(a, *normalized), arrayByApplyingTransform(a, *t));
-
-    auto rebuilt = UGListTransform::transformWithTestChanges(t->testChanges());
-    ASSERT_EQ(rebuilt->description(), t->description());
-    auto recorded = UGMutableListTransform::transform();
-    recorded->recordChangesFromTransform(*t);
-    ASSERT_EQ(recorded->description(), t->description());
+    ASSERT_EQ(arrayByApplyingTransform(a, *normalized), middle);
 
     int64_t location = uniform(rng, 0, 8), length = uniform(rng, 0, 8);
     for (const auto& derived :
@@ -248,12 +284,9 @@ TEST(ListTransformProperties, CopiesNormalizationAndDerivedTransformsMatchTheirM
           t->inverseTransform()}) {
       ASSERT_TRUE(isCanonical(*derived));
     }
-    // Decomposed moves still reach the same array; detected moves too.
-    ASSERT_EQ(arrayByApplyingTransform(a, *t->transformByDecomposingMoves()), arrayByApplyingTransform(a, *t));
-    ASSERT_EQ(arrayByApplyingTransform(a, *t->transformByDecomposingMoves()->transformByDetectingMoves()),
-              arrayByApplyingTransform(a, *t));
-    ASSERT_EQ(t->cardinalityChange(),
-              static_cast<int64_t>(arrayByApplyingTransform(a, *t).size()) - static_cast<int64_t>(a.size()));
+    // Decomposed moves reach the same array, and with distinct elements detecting moves finds them all again.
+    ASSERT_EQ(arrayByApplyingTransform(a, *t->transformByDecomposingMoves()), middle);
+    ASSERT_EQ(t->transformByDecomposingMoves()->transformByDetectingMoves()->description(), t->description());
   }
 }
 

@@ -1,18 +1,16 @@
 // Worked cases of recording, composition, transitions, copies, derived
-// transforms, application errors and descriptions. What application reaches is
-// checked against the plain model in ListTransformPropertyTests.cpp.
+// transforms, application errors and descriptions, and of the linearizer's
+// batches as its delegate hears them and its misuse errors. What application
+// reaches is checked against the plain model in ListTransformPropertyTests.cpp.
 #include <gtest/gtest.h>
 
-#include "RandomTransforms.h"
+#include <string>
+#include <vector>
+
+#include "loomwork/listtransform.h"
 
 namespace loomwork::testing {
 namespace {
-
-Array letters(std::string_view s) {
-  Array a;
-  for (char c : s) a.push_back(Value(std::string(1, c)));
-  return a;
-}
 
 // "-i " per plain deletion, "f>t " per move and "+i " per plain insertion.
 std::string shape(const UGListTransform& t) {
@@ -25,6 +23,16 @@ std::string shape(const UGListTransform& t) {
   return s;
 }
 
+// "kind: message" of the Exception a call throws.
+std::string reason(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const Exception& e) {
+    return std::string(Exception::kindName(e.kind())) + ": " + e.what();
+  }
+  return "no exception";
+}
+
 TEST(ListTransform, RecordingRefusesCollidingIndexes) {
   auto t = UGMutableListTransform::transform();
   EXPECT_TRUE(t->recordDeletedObjectFromIndex(Value("x"), 3));
@@ -34,31 +42,23 @@ TEST(ListTransform, RecordingRefusesCollidingIndexes) {
   EXPECT_FALSE(t->recordMovedObjectFromIndexToIndex(Value("m"), 3, 7));  // deletion half collides
   EXPECT_TRUE(t->recordMovedObjectFromIndexToIndex(Value("m"), 0, 2));
   EXPECT_EQ(shape(*t), "0>2 -3 +4 ");
-  EXPECT_EQ(*t->deletions()[1]->object(), Value("x"));
+  EXPECT_EQ(*t->deletions()[1]->object(), Value("x"));  // kept, not replaced by the refused one
 }
 
-TEST(ListTransform, CompositionCancelsAndJoinsMoves) {
-  auto insert = UGMutableListTransform::transform(), remove = UGMutableListTransform::transform();
-  insert->recordInsertedObjectAtIndex(Value("x"), 2);
-  remove->recordDeletedObjectFromIndex(Value("x"), 2);
-  EXPECT_TRUE(insert->transformByAppendingTransform(*remove)->isIdentity());
-
+TEST(ListTransform, CompositionJoinsMovesAndTakesItselfAsArgument) {
   auto first = UGMutableListTransform::transform(), second = UGMutableListTransform::transform();
   first->recordMovedObjectFromIndexToIndex(Value("a"), 0, 3);
   second->recordMovedObjectFromIndexToIndex(Value("a"), 3, 1);
   EXPECT_EQ(shape(*first->transformByAppendingTransform(*second)), "0>1 ");
   // Appending a transform to itself composes it with a copy of itself.
   first->appendTransform(*first);
-  EXPECT_EQ(arrayByApplyingTransformIgnoringObjectsInTransform(letters("abcd"), *first, true), letters("cdab"));
+  EXPECT_EQ(arrayByApplyingTransformIgnoringObjectsInTransform(Array{"a", "b", "c", "d"}, *first, true),
+            (Array{"c", "d", "a", "b"}));
 }
 
 TEST(ListTransform, TransitionComparesByIdentityOrEquality) {
   // Texts longer than a value holds inline are separate string objects.
-  auto longTexts = [] {
-    Array texts;
-    for (char c : std::string_view("abc")) texts.emplace_back(std::string(30, c));
-    return texts;
-  };
+  auto longTexts = [] { return Array{std::string(30, 'a'), std::string(30, 'b'), std::string(30, 'c')}; };
   const Array same = longTexts();
   auto unchanged = transformForTransitioningFromArrayToArrayObjectComparison(same, same, 0);
   EXPECT_TRUE(unchanged->isIdentity());
@@ -68,7 +68,8 @@ TEST(ListTransform, TransitionComparesByIdentityOrEquality) {
             "-0 -1 -2 +0 +1 +2 ");
   EXPECT_TRUE(transformForTransitioningFromArrayToArrayObjectComparison(same, longTexts(), 7)->isIdentity());
   // Short texts live in the value, so equal ones are the same string.
-  EXPECT_TRUE(transformForTransitioningFromArrayToArrayObjectComparison(letters("abc"), letters("abc"), 0)->isIdentity());
+  EXPECT_TRUE(
+      transformForTransitioningFromArrayToArrayObjectComparison(Array{"a", "b"}, Array{"a", "b"}, 0)->isIdentity());
 }
 
 TEST(ListTransform, CopiesOffsetsAndDerivedTransforms) {
@@ -81,7 +82,6 @@ TEST(ListTransform, CopiesOffsetsAndDerivedTransforms) {
   EXPECT_EQ(shape(*t->transformByApplyingOffsetToIndexes(1)), "1>6 -2 +3 ");
   EXPECT_EQ(shape(*t->transformByApplyingOffsetToDeletionAndMoveFromIndexes(2)), "2>5 -3 +2 ");
   EXPECT_EQ(shape(*t->transformByApplyingOffsetToInsertionAndMoveToIndexes(-1)), "0>4 -1 +1 ");
-  EXPECT_EQ(shape(*t->inverseTransform()), "-2 5>0 +1 ");
 
   EXPECT_EQ(shape(*t->transformByLimitingToRange({0, 2})), "-0 -1 ");
   EXPECT_EQ(shape(*t->deletionsTransformIncludingDecomposedMoves(true)), "-0 -1 ");
@@ -92,46 +92,34 @@ TEST(ListTransform, CopiesOffsetsAndDerivedTransforms) {
   EXPECT_EQ(t->insertionIndexesIncludingDecomposedMoveIndexes(true), (IndexSet{2, 5}));
   EXPECT_EQ(t->insertionIndexesIncludingDecomposedMoveIndexes(false), (IndexSet{2}));
   EXPECT_EQ(t->deletionIndexesIncludingDecomposedMoveIndexes(false), (IndexSet{1}));
-  auto detected = t->transformByDecomposingMoves();
-  EXPECT_EQ(shape(*detected), "-0 -1 +2 +5 ");
-  detected->detectMoves();
-  EXPECT_EQ(shape(*detected), "0>5 -1 +2 ");
+  EXPECT_EQ(shape(*t->transformByDecomposingMoves()), "-0 -1 +2 +5 ");
   EXPECT_EQ(shape(*t), "0>5 -1 +2 ");  // the source keeps its move throughout
 }
 
-TEST(ListTransform, ApplicationIgnoringObjectsAndBadIndexes) {
+TEST(ListTransform, ApplicationBadIndexesAndSorting) {
   auto t = UGMutableListTransform::transform();
   t->recordMovedObjectFromIndexToIndex(std::nullopt, 0, 2);
   t->recordInsertedObjectAtIndex(Value("new"), 0);
-  Array a = letters("abc");
-  EXPECT_EQ(arrayByApplyingTransformIgnoringObjectsInTransform(a, *t, true),
-            (Array{Value::null(), Value("b"), Value("a"), Value("c")}));
-  EXPECT_EQ(arrayByApplyingTransform(a, *t), (Array{Value("new"), Value("b"), Value::null(), Value("c")}));
+  const Array abc{"a", "b", "c"};
+  Array a = abc;
+  EXPECT_EQ(arrayByApplyingTransformIgnoringObjectsInTransform(a, *t, true), (Array{Value::null(), "b", "a", "c"}));
+  EXPECT_EQ(arrayByApplyingTransform(a, *t), (Array{"new", "b", Value::null(), "c"}));
 
+  // A deletion at the end, or an insertion one past the end, is out of range.
   auto bad = UGMutableListTransform::transform(), far = UGMutableListTransform::transform();
   bad->recordDeletedObjectFromIndex(std::nullopt, 3);
-  EXPECT_THROW(applyTransform(a, *bad), Exception);
-  far->recordInsertedObjectAtIndex(Value("x"), 5);
-  try {
-    applyTransform(a, *far);
-    FAIL();
-  } catch (const Exception& e) {
-    EXPECT_STREQ(Exception::kindName(e.kind()), "out of range");
-  }
-  EXPECT_EQ(a, letters("abc"));  // untouched after a refused application
-}
+  far->recordInsertedObjectAtIndex(Value("x"), 4);
+  EXPECT_EQ(reason([&] { applyTransform(a, *bad); }), "out of range: index 3 beyond bounds [0 .. 3]");
+  EXPECT_EQ(reason([&] { applyTransform(a, *far); }), "out of range: index 4 beyond bounds [0 .. 3]");
+  EXPECT_EQ(a, abc);  // untouched after a refused application
 
-TEST(ListTransform, SortingReportsItsTransform) {
+  // Sorting reports the transform that it made.
   const Array unsorted{3, 1, 2};
-  Array a = unsorted;
-  Ref<UGMutableListTransform> t;
-  sortUsingDescriptorsResultingTransform(a, {SortDescriptor("self")}, &t);
-  EXPECT_EQ(a, (Array{1, 2, 3}));
-  ASSERT_TRUE(t);
-  EXPECT_EQ(arrayByApplyingTransform(unsorted, *t), a);
-  sortUsingDescriptorsResultingTransform(a, {SortDescriptor("self", false)}, &t);
-  EXPECT_EQ(a, (Array{3, 2, 1}));
-  sortUsingDescriptorsResultingTransform(a, {SortDescriptor("self", false)}, &t);
+  Array sorted = unsorted;
+  sortUsingDescriptorsResultingTransform(sorted, {SortDescriptor("self")}, &t);
+  EXPECT_EQ(sorted, (Array{1, 2, 3}));
+  EXPECT_EQ(arrayByApplyingTransform(unsorted, *t), sorted);
+  sortUsingDescriptorsResultingTransform(sorted, {SortDescriptor("self")}, &t);
   EXPECT_TRUE(t->isIdentity());
 }
 
@@ -171,21 +159,95 @@ TEST(ListTransform, ItemLinksNeverDangle) {
   EXPECT_FALSE(a->hasMoveLink());  // c is gone and took its link along
 
   // Releasing the transform cuts the links of the items that outlive it.
-  std::weak_ptr<UGListTransformItem> item;
-  Ref<UGListTransformItem> heldDeletion, heldInsertion, heldAlone;  // the first two are partners
+  Ref<UGListTransformItem> deletion, insertion;
   {
     auto t = UGMutableListTransform::transform();
     t->recordMovedObjectFromIndexToIndex(Value(1), 0, 1);
-    t->recordMovedObjectFromIndexToIndex(Value(2), 2, 3);
-    t->recordMovedObjectFromIndexToIndex(Value(3), 4, 5);
-    item = t->deletions()[0];
-    heldDeletion = t->deletions()[1];
-    heldInsertion = t->insertions()[1];
-    heldAlone = t->insertions()[2];
+    deletion = t->deletions()[0];
+    insertion = t->insertions()[0];
   }
-  EXPECT_TRUE(item.expired());
-  EXPECT_FALSE(heldDeletion->hasMoveLink() || heldInsertion->hasMoveLink() || heldAlone->hasMoveLink());
-  EXPECT_EQ(heldAlone->moveLink(), nullptr);
+  EXPECT_FALSE(deletion->hasMoveLink() || insertion->hasMoveLink());
+}
+
+using Steps = std::vector<std::string>;
+
+struct Recorder : TWArrayOperationLinearizerDelegate {
+  Steps calls;
+  void arrayOperationLinearizerWillBeginUpdates(TWArrayOperationLinearizer&) override { calls.push_back("begin"); }
+  void arrayOperationLinearizerRemoveObjectAtIndex(TWArrayOperationLinearizer&, int64_t i) override {
+    calls.push_back("remove " + std::to_string(i));
+  }
+  void arrayOperationLinearizerMoveObjectAtIndexToIndex(TWArrayOperationLinearizer&, int64_t f, int64_t t) override {
+    calls.push_back("move " + std::to_string(f) + " " + std::to_string(t));
+  }
+  void arrayOperationLinearizerInsertObjectAtIndex(TWArrayOperationLinearizer&, int64_t i) override {
+    calls.push_back("insert " + std::to_string(i));
+  }
+  void arrayOperationLinearizerDidEndUpdates(TWArrayOperationLinearizer&) override { calls.push_back("end"); }
+};
+
+TEST(Linearizer, WorkedBatchesReachTheDelegateInOrder) {
+  const IndexSet odd{1, 3}, from{0, 5}, to{3, 1};
+  const std::pair<std::function<void(TWArrayOperationLinearizer&)>, Steps> cases[] = {
+      {[&](auto& l) { l.removeObjectsAtIndexes(odd); }, {"remove 3", "remove 1"}},
+      {[](auto& l) { l.moveObjectAtIndexToIndex(0, 2); }, {"move 0 2"}},
+      {[](auto& l) { l.removeObjectAtIndex(0), l.moveObjectAtIndexToIndex(2, 0); }, {"move 2 1", "remove 0"}},
+      {[](auto& l) { l.insertObjectAtIndex(4), l.insertObjectAtIndex(1), l.removeObjectAtIndex(2); },
+       {"remove 2", "insert 1", "insert 4"}},
+      {[&](auto& l) { l.moveObjectsAtIndexesToIndexes(from, to); }, {"move 5 3", "move 0 1"}},
+      {[](auto& l) { l.insertObjectAtIndex(-1); }, {}},  // an operation from -1 to -1 is invalid and is left out
+  };
+  // One linearizer for every batch; each batch has a new delegate, which the linearizer does not keep alive.
+  auto linearizer = TWArrayOperationLinearizer::arrayOperationLinearizer();
+  std::weak_ptr<Recorder> previous;
+  for (const auto& [batch, steps] : cases) {
+    EXPECT_TRUE(previous.expired());
+    auto recorder = std::make_shared<Recorder>();
+    previous = recorder;
+    linearizer->setDelegate(recorder);
+    linearizer->beginUpdates();
+    batch(*linearizer);
+    linearizer->endUpdates();
+    Steps expected{"begin"};
+    expected.insert(expected.end(), steps.begin(), steps.end());
+    expected.push_back("end");
+    EXPECT_EQ(recorder->calls, expected);
+  }
+  linearizer->beginUpdates();  // and a batch runs without its delegate
+  linearizer->insertObjectAtIndex(0);
+  EXPECT_NO_THROW(linearizer->endUpdates());
+}
+
+TEST(Linearizer, OperationTextsAndMisuse) {
+  EXPECT_EQ(TWArrayOperation(-1, 3).description(), "<TWArrayOperation> INSERT to index: 3");
+  EXPECT_EQ(TWArrayOperation(2, -1).description(), "<TWArrayOperation> REMOVE from index: 2");
+  EXPECT_EQ(TWArrayOperation(2, 5).description(), "<TWArrayOperation> MOVE from index: 2 to index: 5");
+  EXPECT_EQ(TWArrayOperation(-1, -1).description(), "<TWArrayOperation> INVALID from index: -1, to index: -1");
+  EXPECT_FALSE(TWArrayOperation(-2, 4).isValid());
+  EXPECT_TRUE(TWArrayOperation(0, 0).isMove());
+
+  TWArrayOperationLinearizer l;
+  EXPECT_EQ(reason([&] { l.endUpdates(); }),
+            "internal inconsistency: Called endUpdates without previously calling beginUpdates");
+  EXPECT_EQ(reason([&] { l.insertObjectAtIndex(0); }),
+            "internal inconsistency: Can't insert, beginUpdates wasn't called");
+  EXPECT_EQ(reason([&] { l.removeObjectsAtIndexes(IndexSet{1}); }),
+            "internal inconsistency: Can't remove, beginUpdates wasn't called");
+  EXPECT_EQ(reason([&] { l.moveObjectAtIndexToIndex(0, 1); }),
+            "internal inconsistency: Can't move, beginUpdates wasn't called");
+  l.beginUpdates();
+  EXPECT_EQ(reason([&] { l.beginUpdates(); }),
+            "internal inconsistency: Called beginUpdates for the second time without previously calling endUpdates");
+  EXPECT_EQ(reason([&] {
+              l.moveObjectsAtIndexesToIndexes(IndexSet{1, 2}, IndexSet{3});
+            }),
+            "invalid argument: [TWArrayOperationLinearizer moveObjectsAtIndexesToIndexes] Argument `atIndexes` and "
+            "`toIndexes` must contain the same count of indexes but don't");
+  l.insertObjectAtIndex(1);
+  l.moveObjectAtIndexToIndex(0, 2);
+  EXPECT_NO_THROW(l.endUpdatesWithInsertBlockRemoveBlockMoveBlock(nullptr, nullptr, nullptr));  // blocks may be empty
+  EXPECT_EQ(reason([&] { l.endUpdatesWithInsertBlockRemoveBlockMoveBlock(nullptr, nullptr, nullptr); }),
+            "internal inconsistency: Called endUpdates without previously calling beginUpdates");
 }
 
 }  // namespace

@@ -6,10 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <bit>
+#include <cctype>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
-#include <numeric>
 #include <optional>
 #include <random>
 #include <string>
@@ -30,14 +29,16 @@ struct GeneratorOptions {
   bool allowCR = true;       // carriage returns in strings
   size_t maximumDepth = 4;   // nesting of containers
   bool narrowDates = false;  // dates within 1902-2038 only
+  bool extended = false;     // nulls and sets too, and no string equal to the null marker
 };
 
 class PlistGenerator {
  public:
   PlistGenerator(uint64_t seed, GeneratorOptions options = {}) : random_(seed), options_(options) {}
 
-  // A random property list; the top level is always a container.
+  // A random property list; the top level is a container (or, extended, a null or a set).
   Value value(size_t depth = 0) {
+    if (options_.extended && pick(12) == 0) return Value::null();
     int choice = depth == 0 ? 8 + pick(2) : pick(depth < options_.maximumDepth ? 10 : 8);
     if (choice == 0) return Value(pick(2) == 1);
     if (choice == 1 || choice == 7) return Value(integer());
@@ -52,6 +53,7 @@ class PlistGenerator {
     if (choice == 8) {
       Array a;
       for (size_t n = pick(7); n > 0; --n) a.push_back(value(depth + 1));
+      if (options_.extended && pick(3) == 0) return Value(Set(a.begin(), a.end()));
       return Value(std::move(a));
     }
     Dictionary d;
@@ -91,15 +93,13 @@ class PlistGenerator {
                                           " ",  "&",   "<",  ">",    "\"",           "'",        "]]>",
                                           "\t", "\n",  "\r", "\x7F", "\xEF\xBF\xBD", kNullMarker};
     std::string s;
-    size_t n = pick(8);
-    for (size_t i = 0; i < n; ++i) {
+    for (size_t n = pick(8); n > 0; --n) {
       const char* piece = kPieces[pick(sizeof kPieces / sizeof kPieces[0])];
-      if (!options_.allowCR && std::strcmp(piece, "\r") == 0) continue;
-      s += piece;
+      if (options_.allowCR || piece[0] != '\r') s += piece;
     }
     if (!options_.xmlSafe && pick(8) == 0) s += '\x01';
     if (pick(20) == 0) s.append(static_cast<size_t>(pick(40) + 15), 'x');
-    return s;
+    return options_.extended && s == kNullMarker ? "not the marker" : s;
   }
 
   int pick(int n) { return static_cast<int>(random_() % static_cast<uint64_t>(n)); }
@@ -113,79 +113,59 @@ class PlistGenerator {
 // content, as a path such as "$[2][\"key\"]"; empty when they are the same.
 inline std::string differenceBetween(const Value& a, const Value& b, const std::string& path = "$") {
   std::string here = path + ": " + a.description() + " / " + b.description();
-  if (a.kind() != b.kind()) return here;
-  if (a.kind() == Value::Kind::Real || a.kind() == Value::Kind::Date) {
-    auto bits = [](const Value& v) { return std::bit_cast<uint64_t>(v.isDate() ? v.dateValue() : v.doubleValue()); };
-    return bits(a) == bits(b) ? "" : here;
-  }
-  if (a.kind() == Value::Kind::Array) {
-    const Array &x = a.array(), &y = b.array();
-    if (x.size() != y.size()) return here;
-    for (size_t i = 0; i < x.size(); ++i)
-      if (auto d = differenceBetween(x[i], y[i], path + "[" + std::to_string(i) + "]"); !d.empty()) return d;
+  if (a.kind() != b.kind() || a.count() != b.count()) return here;
+  auto bits = [](const Value& v) { return std::bit_cast<uint64_t>(v.isDate() ? v.dateValue() : v.doubleValue()); };
+  if (a.isReal() || a.isDate()) return bits(a) == bits(b) ? "" : here;
+  if (a.isArray()) {
+    for (size_t i = 0; i < a.count(); ++i)
+      if (auto d = differenceBetween(a.array()[i], b.array()[i], path + "[" + std::to_string(i) + "]"); !d.empty())
+        return d;
     return "";
   }
-  if (a.kind() == Value::Kind::Dictionary) {
-    const Dictionary &x = a.dictionary(), &y = b.dictionary();
-    if (x.size() != y.size()) return here;
-    for (auto i = x.begin(), j = y.begin(); i != x.end(); ++i, ++j) {
-      std::string sub = path + "[" + i->first.description() + "]",
-                  d = differenceBetween(i->first, j->first, sub + " key");
-      if (d.empty()) d = differenceBetween(i->second, j->second, sub);
-      if (!d.empty()) return d;
-    }
-    return "";
+  if (!a.isDictionary()) return a == b ? "" : here;
+  for (auto i = a.dictionary().begin(), j = b.dictionary().begin(); i != a.dictionary().end(); ++i, ++j) {
+    std::string sub = path + "[" + i->first.description() + "]",
+                d = differenceBetween(i->first, j->first, sub + " key");
+    if (d.empty()) d = differenceBetween(i->second, j->second, sub);
+    if (!d.empty()) return d;
   }
-  return a == b ? "" : here;
+  return "";
 }
 
 inline bool sameValue(const Value& a, const Value& b) { return differenceBetween(a, b).empty(); }
 
-// Assembles a "bplist00" file from encoded objects (references inside them
-// already written with `refWidth` bytes): header, objects, offset table and
-// trailer.
-inline Data assembleBinary(const std::vector<Data>& objects, uint64_t top = 0, unsigned refWidth = 1) {
+// Assembles a "bplist00" file from objects written in hex and separated by
+// '|', such as "A1 01 | 10 07", references inside them already `refWidth`
+// bytes wide: header, objects, offset table and trailer.
+inline Data assembleBinary(std::string_view hex, uint64_t top = 0, unsigned refWidth = 1) {
   Data out = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
-  std::vector<uint64_t> offsets;
-  for (const Data& object : objects) {
-    offsets.push_back(out.size());
-    out.insert(out.end(), object.begin(), object.end());
+  std::vector<uint64_t> offsets = {out.size()};
+  for (size_t i = 0; i < hex.size(); ++i) {
+    if (hex[i] == '|') offsets.push_back(out.size());
+    if (std::isxdigit(hex[i]))
+      out.push_back(static_cast<uint8_t>(std::stoi(std::string(hex.substr(i++, 2)), nullptr, 16)));
   }
-  uint64_t tableOffset = out.size();
+  const uint64_t tableOffset = out.size();
   const unsigned offsetWidth = tableOffset < 256 ? 1 : tableOffset < 65536 ? 2 : 4;
   auto put = [&](uint64_t v, unsigned width) {
     for (unsigned i = width; i-- > 0;) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
   };
   for (uint64_t offset : offsets) put(offset, offsetWidth);
-  for (int i = 0; i < 6; ++i) out.push_back(0);
-  out.push_back(static_cast<uint8_t>(offsetWidth));
-  out.push_back(static_cast<uint8_t>(refWidth));
-  put(objects.size(), 8);
+  put(offsetWidth << 8 | refWidth, 8);  // six unused bytes, then the two widths
+  put(offsets.size(), 8);
   put(top, 8);
   put(tableOffset, 8);
   return out;
 }
 
-// The fields of a binary property list's trailer.
-struct BinaryTrailer {
-  unsigned offsetWidth, refWidth;
-  uint64_t count, top, tableOffset;
-};
-
-inline BinaryTrailer trailerOf(const Data& file) {
-  const uint8_t* t = file.data() + file.size() - 32;
-  auto get = [](const uint8_t* p) {
-    return std::accumulate(p, p + 8, uint64_t{0}, [](uint64_t v, uint8_t b) { return (v << 8) | b; });
-  };
-  return {t[6], t[7], get(t + 8), get(t + 16), get(t + 24)};
+inline std::optional<Value> read(std::span<const uint8_t> bytes, std::string* error = nullptr,
+                                 PropertyListFormat* format = nullptr) {
+  return propertyListFromData(bytes, PropertyListMutabilityOption::Immutable, format, error);
 }
 
-inline std::optional<Value> read(std::span<const uint8_t> bytes, std::string* error = nullptr) {
-  return propertyListFromData(bytes, PropertyListMutabilityOption::Immutable, nullptr, error);
-}
-
-inline std::optional<Value> readText(std::string_view text, std::string* error = nullptr) {
-  return read(std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()), error);
+inline std::optional<Value> readText(std::string_view text, std::string* error = nullptr,
+                                     PropertyListFormat* format = nullptr) {
+  return read(std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()), error, format);
 }
 
 inline Data write(const Value& v, PropertyListFormat format) {

@@ -8,7 +8,7 @@ import sys
 
 EPOCH = datetime.datetime(1970, 1, 1)
 HELPERS = {
-    'R': lambda bits: struct.unpack('>d', bytes.fromhex(bits))[0],
+    'R': lambda bits: struct.unpack('>d', struct.pack('>Q', bits))[0],
     'S': lambda utf8: bytes.fromhex(utf8).decode('utf-8'),
     'D': lambda micro: EPOCH + datetime.timedelta(microseconds=micro),
     'B': bytes.fromhex,
@@ -33,26 +33,18 @@ def run(job):
     if job[0] == 'check':
         with open(job[1], 'rb') as f:
             return difference(expected, plistlib.load(f))
-    fmt = plistlib.FMT_BINARY if job[1] == 'binary' else plistlib.FMT_XML
     with open(job[2], 'wb') as f:
-        plistlib.dump(expected, f, fmt=fmt, sort_keys=False)
-    return None
+        plistlib.dump(expected, f, fmt=plistlib.FMT_BINARY if job[1] == 'binary' else plistlib.FMT_XML, sort_keys=False)
 
 
-def main():
-    failures = 0
-    with open(sys.argv[1], encoding='utf-8') as manifest:
-        jobs = (line.rstrip().split(maxsplit=2 if line.startswith('check') else 3) for line in manifest)
-        for job in filter(None, jobs):
-            try:
-                problem = run(job)
-            except Exception as error:  # report every kind of failure of the peer
-                problem = f'{type(error).__name__}: {error}'
-            if problem:
-                failures += 1
-                print(' '.join(job)[:200], '->', problem)
-    return 1 if failures else 0
-
-
-if __name__ == '__main__':
-    sys.exit(main())
+failures = 0
+with open(sys.argv[1], encoding='utf-8') as manifest:
+    for job in filter(None, (line.rstrip().split(maxsplit=2 if line.startswith('check') else 3) for line in manifest)):
+        try:
+            problem = run(job)
+        except Exception as error:  # report every kind of failure of the peer
+            problem = f'{type(error).__name__}: {error}'
+        if problem:
+            failures += 1
+            print(' '.join(job)[:200], '->', problem)
+sys.exit(1 if failures else 0)
