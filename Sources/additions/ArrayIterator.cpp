@@ -1,8 +1,8 @@
-#include "additions/ArrayIterator.h"
+#include "loomwork/additions/ArrayIterator.h"
 
 #include <string>
 
-#include "platform/Exception.h"
+#include "loomwork/platform/Exception.h"
 
 namespace loomwork {
 

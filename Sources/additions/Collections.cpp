@@ -1,4 +1,4 @@
-#include "additions/Collections.h"
+#include "loomwork/additions/Collections.h"
 
 #include <algorithm>
 #include <utility>

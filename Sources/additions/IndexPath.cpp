@@ -1,4 +1,4 @@
-#include "additions/IndexPath.h"
+#include "loomwork/additions/IndexPath.h"
 
 #include <algorithm>
 #include <cinttypes>

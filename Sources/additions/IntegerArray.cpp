@@ -1,9 +1,9 @@
-#include "additions/IntegerArray.h"
+#include "loomwork/additions/IntegerArray.h"
 
 #include <algorithm>
 
-#include "platform/Exception.h"
-#include "platform/Value.h"
+#include "loomwork/platform/Exception.h"
+#include "loomwork/platform/Value.h"
 
 namespace loomwork {
 

@@ -1,4 +1,4 @@
-#include "additions/PropertyListAdditions.h"
+#include "loomwork/additions/PropertyListAdditions.h"
 
 #include <utility>
 

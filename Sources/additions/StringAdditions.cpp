@@ -1,9 +1,9 @@
-#include "additions/StringAdditions.h"
+#include "loomwork/additions/StringAdditions.h"
 
 #include <cstdlib>
 
-#include "platform/LocalizedStrings.h"
-#include "platform/UUID.h"
+#include "loomwork/platform/LocalizedStrings.h"
+#include "loomwork/platform/UUID.h"
 
 namespace loomwork {
 

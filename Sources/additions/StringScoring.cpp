@@ -1,4 +1,4 @@
-#include "additions/StringScoring.h"
+#include "loomwork/additions/StringScoring.h"
 
 #include <cstdint>
 #include <optional>
@@ -6,8 +6,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/Exception.h"
-#include "platform/TextServices.h"
+#include "loomwork/platform/Exception.h"
+#include "loomwork/platform/TextServices.h"
 
 // The score is defined by a recursion (per call: a text range, an abbreviation
 // range) that tries the longest front part of the abbreviation first and falls

@@ -1,10 +1,10 @@
-#include "graph/UGEntityOperation.h"
+#include "loomwork/graph/UGEntityOperation.h"
 
 #include <array>
 #include <utility>
 
-#include "additions/StringAdditions.h"
-#include "platform/Exception.h"
+#include "loomwork/additions/StringAdditions.h"
+#include "loomwork/platform/Exception.h"
 
 namespace loomwork {
 

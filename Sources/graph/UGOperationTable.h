@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "graph/UGEntityOperation.h"
+#include "loomwork/graph/UGEntityOperation.h"
 
 namespace loomwork {
 
@@ -132,6 +132,16 @@ class UGOperationTable {
   const_iterator end() const {
     return const_iterator(entries_.data() + entries_.size(), entries_.data() + entries_.size());
   }
+
+  // Positions in the order, for iterators that cannot hold a const_iterator:
+  // the first position at or after `position` that is not a hole (or
+  // positionsEnd()), and the entry there.
+  size_t skipHolesFrom(size_t position) const noexcept {
+    while (position < entries_.size() && !entries_[position].operation) ++position;
+    return position;
+  }
+  size_t positionsEnd() const noexcept { return entries_.size(); }
+  const Entry& entryAt(size_t position) const noexcept { return entries_[position]; }
 
  private:
   static constexpr uint32_t kEmpty = UINT32_MAX;

@@ -1,4 +1,6 @@
-#include "graph/UGTransaction.h"
+#include "loomwork/graph/UGTransaction.h"
+
+#include "graph/UGOperationTable.h"
 
 #include <fmt/format.h>
 
@@ -48,8 +50,25 @@ Ref<UGTransaction> UGTransaction::initWithExtendedPropertyListContainingMutableO
   const Dictionary* entries = plist.tryDictionary();
   if (entries == nullptr) return nullptr;
   auto transaction = make<UGTransaction>();
-  readPropertyList(transaction->operations_, *entries);
+  readPropertyList(*transaction->operations_, *entries);
   return transaction;
+}
+
+UGTransaction::UGTransaction() : operations_(std::make_unique<UGOperationTable>()) {}
+UGTransaction::~UGTransaction() = default;
+
+size_t UGTransaction::count() const { return operations_->size(); }
+
+UGTransaction::UUIDIterator UGTransaction::begin() const {
+  return UUIDIterator(operations_.get(), operations_->skipHolesFrom(0));
+}
+UGTransaction::UUIDIterator UGTransaction::end() const {
+  return UUIDIterator(operations_.get(), operations_->positionsEnd());
+}
+const std::string& UGTransaction::UUIDIterator::operator*() const { return table_->entryAt(position_).uuid; }
+UGTransaction::UUIDIterator& UGTransaction::UUIDIterator::operator++() {
+  position_ = table_->skipHolesFrom(position_ + 1);
+  return *this;
 }
 
 Ref<UGTransaction> UGTransaction::copy() const {
@@ -59,50 +78,50 @@ Ref<UGTransaction> UGTransaction::copy() const {
 
 Ref<UGTransaction> UGTransaction::plainCopy() const {
   auto copy = make<UGTransaction>();
-  copy->operations_ = operations_;
+  *copy->operations_ = *operations_;
   return copy;
 }
 
 Ref<UGMutableTransaction> UGTransaction::mutableCopy() const {
   auto copy = make<UGMutableTransaction>();
   copy->containsMutableOperations_ = containsMutableOperations_;
-  copy->operations_.reserve(operations_.size());
-  for (const auto& entry : operations_) {
-    copy->operations_.assign(entry.uuid, containsMutableOperations_ ? entry.operation->mutableCopy() : entry.operation);
+  copy->operations_->reserve(operations_->size());
+  for (const auto& entry : *operations_) {
+    copy->operations_->assign(entry.uuid, containsMutableOperations_ ? entry.operation->mutableCopy() : entry.operation);
   }
   return copy;
 }
 
 Ref<UGEntityOperation> UGTransaction::operationForUUID(std::string_view uuid) const {
-  const Ref<UGEntityOperation>* held = operations_.find(uuid);
+  const Ref<UGEntityOperation>* held = operations_->find(uuid);
   return held ? *held : nullptr;
 }
 
 UGStringSet UGTransaction::allUUIDs() const {
   UGStringSet uuids;
-  uuids.reserve(operations_.size());
-  for (const auto& entry : operations_) uuids.insert(entry.uuid);
+  uuids.reserve(operations_->size());
+  for (const auto& entry : *operations_) uuids.insert(entry.uuid);
   return uuids;
 }
 
 std::vector<std::string> UGTransaction::allUUIDsArray() const {
   std::vector<std::string> uuids;
-  uuids.reserve(operations_.size());
-  for (const auto& entry : operations_) uuids.push_back(entry.uuid);
+  uuids.reserve(operations_->size());
+  for (const auto& entry : *operations_) uuids.push_back(entry.uuid);
   return uuids;
 }
 
 void UGTransaction::enumerateEntityOperations(const EnumerationBlock& block) const {
   if (!block) return;
   bool stop = false;
-  for (const auto& entry : operations_) {
+  for (const auto& entry : *operations_) {
     block(entry.uuid, entry.operation, stop);
     if (stop) break;
   }
 }
 
 bool UGTransaction::isIdentity() const {
-  for (const auto& entry : operations_) {
+  for (const auto& entry : *operations_) {
     if (!isIdentityOperation(entry.operation)) return false;
   }
   return true;
@@ -142,8 +161,8 @@ Ref<UGMutableTransaction> UGTransaction::transactionByInvertingOperationsAccepti
 
 Value UGTransaction::extendedPropertyListRepresentation() const {
   Dictionary plist;
-  plist.reserve(operations_.size());
-  for (const auto& entry : operations_) {
+  plist.reserve(operations_->size());
+  for (const auto& entry : *operations_) {
     plist.emplace(Value(entry.uuid), entry.operation->extendedPropertyListRepresentation());
   }
   return Value(std::move(plist));
@@ -151,7 +170,7 @@ Value UGTransaction::extendedPropertyListRepresentation() const {
 
 std::string UGTransaction::description() const {
   std::string text = fmt::format("{} with {} operations: {{\n", className(), count());
-  for (const auto& entry : operations_) {
+  for (const auto& entry : *operations_) {
     const UGEntityOperation& operation = *entry.operation;
     text += fmt::format("\n    {} {} \"{}\" ({} properties, {} relations) ({})\n\n",
                         UGEntityOperationTypeDescription(operation.type()),
@@ -193,7 +212,7 @@ Ref<UGMutableTransaction> UGMutableTransaction::initWithExtendedPropertyListCont
   if (entries == nullptr) return nullptr;
   auto transaction = UGMutableTransaction::transaction();
   transaction->containsMutableOperations_ = containsMutableOperations;
-  readPropertyList(transaction->operations_, *entries);
+  readPropertyList(*transaction->operations_, *entries);
   return transaction;
 }
 
@@ -207,27 +226,27 @@ void UGMutableTransaction::setContainsMutableOperations(bool containsMutableOper
   if (containsMutableOperations == containsMutableOperations_) return;
   containsMutableOperations_ = containsMutableOperations;
   if (containsMutableOperations) {
-    operations_.forEachMutable(
+    operations_->forEachMutable(
         [](const std::string&, Ref<UGEntityOperation>& operation) { operation = operation->mutableCopy(); });
   }
 }
 
 void UGMutableTransaction::setOperationForUUID(const Ref<UGEntityOperation>& operation, std::string_view uuid) {
   if (!operation) {
-    operations_.erase(uuid);
+    operations_->erase(uuid);
     return;
   }
   // copy() of an operation held by a shared pointer is the operation itself.
-  operations_.assign(uuid, containsMutableOperations_ ? operation->mutableCopy() : operation);
+  operations_->assign(uuid, containsMutableOperations_ ? operation->mutableCopy() : operation);
 }
 
-void UGMutableTransaction::removeOperationForUUID(std::string_view uuid) { operations_.erase(uuid); }
+void UGMutableTransaction::removeOperationForUUID(std::string_view uuid) { operations_->erase(uuid); }
 
 void UGMutableTransaction::removeOperationsForUUIDs(std::span<const std::string> uuids) {
-  for (const std::string& uuid : uuids) operations_.erase(uuid);
+  for (const std::string& uuid : uuids) operations_->erase(uuid);
 }
 
-void UGMutableTransaction::removeAllOperations() { operations_.clear(); }
+void UGMutableTransaction::removeAllOperations() { operations_->clear(); }
 
 void UGMutableTransaction::appendOperationForUUIDConsume(const Ref<UGEntityOperation>& operation, std::string_view uuid,
                                                          bool consume) {
@@ -240,7 +259,7 @@ void UGMutableTransaction::prependOperationForUUID(const Ref<UGEntityOperation>&
 
 Ref<UGEntityOperation>& UGMutableTransaction::appendReturningSlot(const Ref<UGEntityOperation>& operation,
                                                                   std::string_view uuid, size_t hash, bool consume) {
-  Ref<UGEntityOperation>* held = operations_.find(uuid, hash);
+  Ref<UGEntityOperation>* held = operations_->find(uuid, hash);
   if (containsMutableOperations_) {
     Ref<UGEntityOperation> later = operation;
     if (consume && dynamic_cast<UGMutableEntityOperation*>(operation.get()) == nullptr) {
@@ -250,31 +269,31 @@ Ref<UGEntityOperation>& UGMutableTransaction::appendReturningSlot(const Ref<UGEn
       mutableHeld(*held).appendOperation(*later);
       return *held;
     }
-    return operations_.assign(uuid, hash, consume ? std::move(later) : operation->mutableCopy());
+    return operations_->assign(uuid, hash, consume ? std::move(later) : operation->mutableCopy());
   }
   if (held) {
     *held = (*held)->operationByAppendingOperation(*operation);
     return *held;
   }
   // copy() of an operation held by a shared pointer is the operation itself.
-  return operations_.assign(uuid, hash, operation);
+  return operations_->assign(uuid, hash, operation);
 }
 
 Ref<UGEntityOperation>& UGMutableTransaction::prependReturningSlot(const Ref<UGEntityOperation>& operation,
                                                                    std::string_view uuid, size_t hash) {
-  Ref<UGEntityOperation>* held = operations_.find(uuid, hash);
+  Ref<UGEntityOperation>* held = operations_->find(uuid, hash);
   if (containsMutableOperations_) {
     if (held) {
       mutableHeld(*held).prependOperation(*operation);
       return *held;
     }
-    return operations_.assign(uuid, hash, operation->mutableCopy());
+    return operations_->assign(uuid, hash, operation->mutableCopy());
   }
   if (held) {
     *held = (*held)->operationByPrependingOperation(*operation);
     return *held;
   }
-  return operations_.assign(uuid, hash, operation);  // its copy()
+  return operations_->assign(uuid, hash, operation);  // its copy()
 }
 
 template <class Function>
@@ -283,9 +302,9 @@ void UGMutableTransaction::forEachEntryPrefetching(const UGOperationTable& sourc
   // lookups of a large transaction overlap their cache misses.
   constexpr int kDistance = 8;
   auto ahead = source.begin();
-  for (int i = 0; i < kDistance && ahead != source.end(); ++i, ++ahead) operations_.prefetch(ahead->hash);
+  for (int i = 0; i < kDistance && ahead != source.end(); ++i, ++ahead) operations_->prefetch(ahead->hash);
   for (const auto& entry : source) {
-    if (ahead != source.end()) operations_.prefetch((ahead++)->hash);
+    if (ahead != source.end()) operations_->prefetch((ahead++)->hash);
     f(entry);
   }
 }
@@ -300,9 +319,9 @@ void UGMutableTransaction::appendTransaction(const UGTransaction& later) {
   }
   // Each UUID occurs once in `later`, so normalising it right after its append
   // is the same as normalising all of them at the end, and saves a lookup.
-  forEachEntryPrefetching(later.operations(), [this](const UGOperationTable::Entry& entry) {
+  forEachEntryPrefetching(*later.operations_, [this](const UGOperationTable::Entry& entry) {
     if (isIdentityOperation(appendReturningSlot(entry.operation, entry.uuid, entry.hash, false))) {
-      operations_.erase(entry.uuid);
+      operations_->erase(entry.uuid);
     }
   });
 }
@@ -325,14 +344,14 @@ void UGMutableTransaction::appendTransactionConsume(UGTransaction& later, bool c
     return;
   }
   consumed->setContainsMutableOperations(containsMutableOperations_);
-  forEachEntryPrefetching(consumed->operations_, [this](const UGOperationTable::Entry& entry) {
+  forEachEntryPrefetching(*consumed->operations_, [this](const UGOperationTable::Entry& entry) {
     if (isIdentityOperation(appendReturningSlot(entry.operation, entry.uuid, entry.hash, true))) {
-      operations_.erase(entry.uuid);
+      operations_->erase(entry.uuid);
     }
   });
   // Removing the UUIDs one by one as they are appended would leave the same
   // empty argument; nothing observes the states in between.
-  consumed->operations_.clear();
+  consumed->operations_->clear();
 }
 
 void UGMutableTransaction::prependTransaction(const UGTransaction& earlier) {
@@ -342,9 +361,9 @@ void UGMutableTransaction::prependTransaction(const UGTransaction& earlier) {
     normalizeForUUIDs(uuids);
     return;
   }
-  forEachEntryPrefetching(earlier.operations(), [this](const UGOperationTable::Entry& entry) {
+  forEachEntryPrefetching(*earlier.operations_, [this](const UGOperationTable::Entry& entry) {
     if (isIdentityOperation(prependReturningSlot(entry.operation, entry.uuid, entry.hash))) {
-      operations_.erase(entry.uuid);
+      operations_->erase(entry.uuid);
     }
   });
 }
@@ -356,9 +375,9 @@ void UGMutableTransaction::simpleMergeWithTransactionOperationMergeBlock(const U
   // entries so that merging a transaction into itself reads a stable table.
   std::vector<std::pair<std::string, Ref<UGEntityOperation>>> entries;
   entries.reserve(other.count());
-  for (const auto& entry : other.operations()) entries.emplace_back(entry.uuid, entry.operation);
+  for (const auto& entry : *other.operations_) entries.emplace_back(entry.uuid, entry.operation);
   for (const auto& [uuid, theirs] : entries) {
-    Ref<UGEntityOperation>* held = operations_.find(uuid);
+    Ref<UGEntityOperation>* held = operations_->find(uuid);
     if (held == nullptr) {
       setOperationForUUID(theirs, uuid);
     } else if (block) {
@@ -376,11 +395,11 @@ bool UGMutableTransaction::reduceByTransaction(const UGTransaction* r) {
     return true;
   }
   bool exact = true;
-  forEachEntryPrefetching(r->operations(), [&](const UGOperationTable::Entry& entry) {
+  forEachEntryPrefetching(*r->operations_, [&](const UGOperationTable::Entry& entry) {
     const std::string& uuid = entry.uuid;
     const UGEntityOperation& reducer = *entry.operation;
     Ref<UGMutableEntityOperation> t;
-    if (const Ref<UGEntityOperation>* held = operations_.find(uuid, entry.hash)) {
+    if (const Ref<UGEntityOperation>* held = operations_->find(uuid, entry.hash)) {
       t = std::dynamic_pointer_cast<UGMutableEntityOperation>(*held);
       if (!t) t = (*held)->mutableCopy();
     }
@@ -398,16 +417,16 @@ bool UGMutableTransaction::reduceByTransaction(const UGTransaction* r) {
         }
       }
       if (t->properties().empty()) {
-        operations_.erase(uuid);
+        operations_->erase(uuid);
       } else {
-        operations_.assign(uuid, entry.hash, t);
+        operations_->assign(uuid, entry.hash, t);
       }
     };
     const UGEntityOperationType held = t ? t->type() : UGEntityOperationTypeIdentity;
     switch (reducer.type()) {
       case UGEntityOperationTypeCreate:
         if (!t || held == UGEntityOperationTypeIdentity || held == UGEntityOperationTypeDelete) {
-          operations_.assign(uuid, entry.hash,
+          operations_->assign(uuid, entry.hash,
                              make<UGMutableEntityOperation>(UGEntityOperationTypeDelete, reducer.entityName()));
         } else if (held == UGEntityOperationTypeCreate) {
           t->changeOperationType(UGEntityOperationTypeUpdate);
@@ -423,14 +442,14 @@ bool UGMutableTransaction::reduceByTransaction(const UGTransaction* r) {
           removeValuesSetByReducer();
         } else if (held == UGEntityOperationTypeCreate) {
           t->changeOperationType(UGEntityOperationTypeUpdate);
-          operations_.assign(uuid, entry.hash, t);
+          operations_->assign(uuid, entry.hash, t);
         }
         break;
       case UGEntityOperationTypeDelete:
         if (!t || held == UGEntityOperationTypeIdentity || held == UGEntityOperationTypeUpdate) {
           exact = false;
         } else if (held == UGEntityOperationTypeDelete) {
-          operations_.erase(uuid);
+          operations_->erase(uuid);
         }
         break;
       default:
@@ -444,7 +463,7 @@ bool UGMutableTransaction::reduceByTransaction(const UGTransaction* r) {
 void UGMutableTransaction::storeInverse(bool lossy) {
   // Every inverse is a new operation that nothing else holds, so storing it
   // directly is what setOperationForUUID() would store, in either mode.
-  operations_.forEachMutable([lossy](const std::string&, Ref<UGEntityOperation>& operation) {
+  operations_->forEachMutable([lossy](const std::string&, Ref<UGEntityOperation>& operation) {
     operation =
         lossy ? operation->invertedOperationAcceptingLossyUpdateAndDeleteInversion() : operation->invertedOperation();
   });
@@ -455,14 +474,14 @@ void UGMutableTransaction::invertOperations() { storeInverse(false); }
 void UGMutableTransaction::invertOperationsAcceptingLossyUpdateAndDeleteInversion() { storeInverse(true); }
 
 void UGMutableTransaction::normalize() {
-  operations_.eraseIf(
+  operations_->eraseIf(
       [](const std::string&, const Ref<UGEntityOperation>& operation) { return isIdentityOperation(operation); });
 }
 
 void UGMutableTransaction::normalizeForUUIDs(std::span<const std::string> uuids) {
   for (const std::string& uuid : uuids) {
-    const Ref<UGEntityOperation>* held = operations_.find(uuid);
-    if (held && isIdentityOperation(*held)) operations_.erase(uuid);
+    const Ref<UGEntityOperation>* held = operations_->find(uuid);
+    if (held && isIdentityOperation(*held)) operations_->erase(uuid);
   }
 }
 

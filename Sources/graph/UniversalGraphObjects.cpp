@@ -1,10 +1,11 @@
-#include "graph/UniversalGraphObjects.h"
+#include "loomwork/graph/UniversalGraphObjects.h"
 
 #include <fmt/format.h>
 
 #include <cstdint>
 
-#include "graph/UGTransaction.h"
+#include "loomwork/graph/UGTransaction.h"
+#include "graph/UGOperationTable.h"
 
 namespace loomwork {
 
@@ -18,7 +19,7 @@ std::string universalGraphUUID(const Object& object) {
 }
 
 bool UGTransaction::containsDeletedEntityWithUUID(std::string_view uuid) const {
-  const Ref<UGEntityOperation>* held = operations_.find(uuid);
+  const Ref<UGEntityOperation>* held = operations_->find(uuid);
   return held && (*held)->type() == UGEntityOperationTypeDelete;
 }
 
@@ -28,7 +29,7 @@ bool UGTransaction::containsDeletedObject(const Object* object) const {
 
 std::optional<Value> UGTransaction::valueForPropertyOfUpdatedEntityWithUUID(std::string_view property,
                                                                             std::string_view uuid) const {
-  const Ref<UGEntityOperation>* held = operations_.find(uuid);
+  const Ref<UGEntityOperation>* held = operations_->find(uuid);
   if (!held || (*held)->type() != UGEntityOperationTypeUpdate) return std::nullopt;
   return (*held)->valueForProperty(property);
 }
@@ -41,7 +42,7 @@ std::optional<Value> UGTransaction::valueForPropertyOfUpdatedObject(std::string_
 
 Ref<UGListTransform> UGTransaction::transformForRelationOfUpdatedEntityWithUUID(std::string_view relation,
                                                                                 std::string_view uuid) const {
-  const Ref<UGEntityOperation>* held = operations_.find(uuid);
+  const Ref<UGEntityOperation>* held = operations_->find(uuid);
   if (!held || (*held)->type() != UGEntityOperationTypeUpdate) return nullptr;
   return (*held)->transformForRelation(relation);
 }

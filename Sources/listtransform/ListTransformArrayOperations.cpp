@@ -1,9 +1,9 @@
-#include "listtransform/ListTransformArrayOperations.h"
+#include "loomwork/listtransform/ListTransformArrayOperations.h"
 
 #include <bit>
 #include <unordered_map>
 
-#include "platform/Exception.h"
+#include "loomwork/platform/Exception.h"
 
 namespace loomwork {
 

@@ -1,4 +1,4 @@
-#include "listtransform/TWArrayOperation.h"
+#include "loomwork/listtransform/TWArrayOperation.h"
 
 namespace loomwork {
 

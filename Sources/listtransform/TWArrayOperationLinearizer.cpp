@@ -1,10 +1,10 @@
-#include "listtransform/TWArrayOperationLinearizer.h"
+#include "loomwork/listtransform/TWArrayOperationLinearizer.h"
 
 #include <algorithm>
 #include <numeric>
 
 #include "listtransform/FenwickTree.h"
-#include "platform/Exception.h"
+#include "loomwork/platform/Exception.h"
 
 namespace loomwork {
 

@@ -1,4 +1,4 @@
-#include "listtransform/UGListChange.h"
+#include "loomwork/listtransform/UGListChange.h"
 
 namespace loomwork {
 

@@ -1,11 +1,11 @@
-#include "listtransform/UGListTransform.h"
+#include "loomwork/listtransform/UGListTransform.h"
 
 #include <algorithm>
 #include <unordered_map>
 
 #include "listtransform/FenwickTree.h"
-#include "listtransform/TWArrayOperationLinearizer.h"
-#include "listtransform/UGListChange.h"
+#include "loomwork/listtransform/TWArrayOperationLinearizer.h"
+#include "loomwork/listtransform/UGListChange.h"
 
 namespace loomwork {
 

@@ -1,4 +1,4 @@
-#include "listtransform/UGListTransformItem.h"
+#include "loomwork/listtransform/UGListTransformItem.h"
 
 namespace loomwork {
 

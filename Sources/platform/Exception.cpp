@@ -1,4 +1,4 @@
-#include "platform/Exception.h"
+#include "loomwork/platform/Exception.h"
 
 namespace loomwork {
 

@@ -1,4 +1,4 @@
-#include "platform/IndexSet.h"
+#include "loomwork/platform/IndexSet.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "platform/LocalizedStrings.h"
+#include "loomwork/platform/LocalizedStrings.h"
 
 #include <memory>
 #include <mutex>

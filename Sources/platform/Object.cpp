@@ -1,4 +1,4 @@
-#include "platform/Object.h"
+#include "loomwork/platform/Object.h"
 
 #include <cxxabi.h>
 

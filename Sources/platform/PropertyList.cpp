@@ -1,4 +1,4 @@
-#include "platform/PropertyList.h"
+#include "platform/PropertyListCodecs.h"
 
 #include <cstring>
 

@@ -27,7 +27,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/PropertyList.h"
+#include "platform/PropertyListCodecs.h"
 
 namespace loomwork::plist_detail {
 

@@ -20,7 +20,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "platform/PropertyList.h"
+#include "platform/PropertyListCodecs.h"
 
 #include "platform/CivilDate.h"
 

@@ -1,4 +1,4 @@
-#include "platform/SortDescriptor.h"
+#include "loomwork/platform/SortDescriptor.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "platform/TextServices.h"
+#include "loomwork/platform/TextServices.h"
 
 #include <unicode/uchar.h>
 #include <unicode/ucol.h>

@@ -1,4 +1,4 @@
-#include "platform/UUID.h"
+#include "loomwork/platform/UUID.h"
 
 #include <uuid/uuid.h>
 

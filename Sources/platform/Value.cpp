@@ -1,4 +1,4 @@
-#include "platform/Value.h"
+#include "loomwork/platform/Value.h"
 
 #include <algorithm>
 #include <cctype>
@@ -9,8 +9,8 @@
 #include <new>
 
 #include "platform/CivilDate.h"
-#include "platform/Exception.h"
-#include "platform/Object.h"
+#include "loomwork/platform/Exception.h"
+#include "loomwork/platform/Object.h"
 
 namespace loomwork {
 

@@ -9,7 +9,7 @@
 #include <random>
 #include <unordered_map>
 
-#include "additions/PropertyListAdditions.h"
+#include "loomwork/additions/PropertyListAdditions.h"
 #include "loomwork/graph.h"
 
 using namespace loomwork;

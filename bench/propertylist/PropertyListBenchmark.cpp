@@ -18,7 +18,7 @@
 #include <random>
 #include <string>
 
-#include "platform/PropertyList.h"
+#include "loomwork/platform/PropertyList.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define LOOMWORK_BENCH_COUNT_HEAP 0

@@ -2,10 +2,12 @@
 // index paths, array iterators and collection operations.
 #pragma once
 
-#include "additions/ArrayIterator.h"
-#include "additions/Collections.h"
-#include "additions/IndexPath.h"
-#include "additions/IntegerArray.h"
-#include "additions/StringAdditions.h"
-#include "additions/StringScoring.h"
-#include "additions/PropertyListAdditions.h"
+#include "loomwork/platform.h"
+
+#include "loomwork/additions/ArrayIterator.h"
+#include "loomwork/additions/Collections.h"
+#include "loomwork/additions/IndexPath.h"
+#include "loomwork/additions/IntegerArray.h"
+#include "loomwork/additions/StringAdditions.h"
+#include "loomwork/additions/StringScoring.h"
+#include "loomwork/additions/PropertyListAdditions.h"

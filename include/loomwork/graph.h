@@ -4,9 +4,8 @@
 // objects.
 #pragma once
 
-#include "graph/UGEntityOperation.h"
-#include "graph/UGOperationTable.h"
-#include "graph/UGTransaction.h"
-#include "graph/UniversalGraphObjects.h"
+#include "loomwork/graph/UGEntityOperation.h"
+#include "loomwork/graph/UGTransaction.h"
+#include "loomwork/graph/UniversalGraphObjects.h"
 #include "loomwork/listtransform.h"
 #include "loomwork/platform.h"

@@ -3,10 +3,10 @@
 // arrays; and the linearizer that replays a batch one valid step at a time.
 #pragma once
 
-#include "listtransform/ListTransformArrayOperations.h"
-#include "listtransform/TWArrayOperation.h"
-#include "listtransform/TWArrayOperationLinearizer.h"
-#include "listtransform/UGListChange.h"
-#include "listtransform/UGListTransform.h"
-#include "listtransform/UGListTransformItem.h"
+#include "loomwork/listtransform/ListTransformArrayOperations.h"
+#include "loomwork/listtransform/TWArrayOperation.h"
+#include "loomwork/listtransform/TWArrayOperationLinearizer.h"
+#include "loomwork/listtransform/UGListChange.h"
+#include "loomwork/listtransform/UGListTransform.h"
+#include "loomwork/listtransform/UGListTransformItem.h"
 #include "loomwork/platform.h"

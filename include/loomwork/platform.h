@@ -2,13 +2,13 @@
 // exceptions and sort descriptors that every subsystem builds on.
 #pragma once
 
-#include "platform/Exception.h"
-#include "platform/IndexSet.h"
-#include "platform/Object.h"
-#include "platform/SortDescriptor.h"
-#include "platform/Types.h"
-#include "platform/Value.h"
-#include "platform/LocalizedStrings.h"
-#include "platform/TextServices.h"
-#include "platform/UUID.h"
-#include "platform/PropertyList.h"
+#include "loomwork/platform/Exception.h"
+#include "loomwork/platform/IndexSet.h"
+#include "loomwork/platform/Object.h"
+#include "loomwork/platform/SortDescriptor.h"
+#include "loomwork/platform/Types.h"
+#include "loomwork/platform/Value.h"
+#include "loomwork/platform/LocalizedStrings.h"
+#include "loomwork/platform/TextServices.h"
+#include "loomwork/platform/UUID.h"
+#include "loomwork/platform/PropertyList.h"

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "GraphModel.h"
-#include "additions/PropertyListAdditions.h"
+#include "loomwork/additions/PropertyListAdditions.h"
 
 namespace loomwork::graphtest {
 namespace {
@@ -46,7 +46,7 @@ TEST(GraphAlgebra, CompositionIsAssociativeAndActsLikeItsParts) {
 
     for (const auto& other : {grouped, prepended, consumed})
       EXPECT_TRUE(contentOf(*folded) == contentOf(*other)) << folded->description() << other->description();
-    for (const auto& entry : folded->operations()) EXPECT_NE(entry.operation->type(), I);
+    for (const std::string& uuid : *folded) EXPECT_NE(folded->operationForUUID(uuid)->type(), I);
 
     Store composed = start;
     applyTransaction(composed, *folded);

@@ -62,7 +62,7 @@ inline void applyOperation(Record& record, const UGEntityOperation& operation) {
 }
 
 inline void applyTransaction(Store& store, const UGTransaction& transaction) {
-  for (const auto& entry : transaction.operations()) applyOperation(store[entry.uuid], *entry.operation);
+  for (const std::string& uuid : transaction) applyOperation(store[uuid], *transaction.operationForUUID(uuid));
 }
 
 // What can be seen of a store: its live records, with empty lists dropped.
@@ -148,9 +148,9 @@ inline std::vector<Ref<UGMutableTransaction>> randomSequence(Rng& rng, const Sto
 // values) and the changes of each relation transform.
 inline Value contentOf(const UGTransaction& transaction) {
   Dictionary relations;
-  for (const auto& entry : transaction.operations())
-    for (const auto& [name, transform] : entry.operation->relationTransforms())
-      relations.insert_or_assign(Value(entry.uuid + "." + name), Value(transform->testChanges()));
+  for (const std::string& uuid : transaction)
+    for (const auto& [name, transform] : transaction.operationForUUID(uuid)->relationTransforms())
+      relations.insert_or_assign(Value(uuid + "." + name), Value(transform->testChanges()));
   return Value::array({transaction.extendedPropertyListRepresentation(), Value(std::move(relations))});
 }
 

@@ -6,6 +6,7 @@
 
 #include <random>
 
+#include "graph/UGOperationTable.h"
 #include "loomwork/graph.h"
 
 namespace loomwork {
@@ -30,9 +31,10 @@ Ref<UGMutableTransaction> txn(std::initializer_list<std::pair<std::string, Ref<U
 // "X:TYPE a=1 b=2;" per operation, in order.
 std::string contentOf(const UGTransaction& transaction) {
   std::string text;
-  for (const auto& entry : transaction.operations()) {
-    text += entry.uuid + ":" + std::string(UGEntityOperationTypeDescription(entry.operation->type()));
-    for (const auto& [name, value] : entry.operation->properties()) text += " " + name + "=" + value.description();
+  for (const std::string& uuid : transaction) {
+    const auto operation = transaction.operationForUUID(uuid);
+    text += uuid + ":" + std::string(UGEntityOperationTypeDescription(operation->type()));
+    for (const auto& [name, value] : operation->properties()) text += " " + name + "=" + value.description();
     text += ";";
   }
   return text;

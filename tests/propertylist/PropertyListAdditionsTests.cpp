@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include "PropertyListTestSupport.h"
-#include "additions/PropertyListAdditions.h"
-#include "platform/Object.h"
+#include "loomwork/additions/PropertyListAdditions.h"
+#include "loomwork/platform/Object.h"
 
 namespace loomwork {
 namespace {

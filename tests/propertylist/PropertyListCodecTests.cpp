@@ -4,8 +4,8 @@
 #include <string>
 
 #include "PropertyListTestSupport.h"
-#include "platform/Object.h"
-#include "platform/PropertyList.h"
+#include "loomwork/platform/Object.h"
+#include "loomwork/platform/PropertyList.h"
 
 namespace loomwork {
 namespace {

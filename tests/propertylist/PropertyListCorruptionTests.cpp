@@ -10,7 +10,7 @@
 #include <string>
 
 #include "PropertyListTestSupport.h"
-#include "platform/PropertyList.h"
+#include "loomwork/platform/PropertyList.h"
 
 namespace loomwork {
 namespace {

@@ -11,7 +11,7 @@
 #include <fstream>
 
 #include "PropertyListTestSupport.h"
-#include "platform/PropertyList.h"
+#include "loomwork/platform/PropertyList.h"
 
 namespace loomwork {
 namespace {

@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/PropertyList.h"
-#include "platform/Value.h"
+#include "loomwork/platform/PropertyList.h"
+#include "loomwork/platform/Value.h"
 
 namespace loomwork::testing {
 

@@ -17,9 +17,10 @@
 #include <string>
 #include <string_view>
 
-#include "platform/PropertyList.h"
-#include "platform/Value.h"
+#include "loomwork/platform/PropertyList.h"
+#include "loomwork/platform/Value.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 inline constexpr std::string_view kExtendedPropertyListNullMarker = "com.tarnwick.NSPropertyListSerialization.NSNull";
@@ -61,3 +62,4 @@ std::optional<Value> extendedPropertyListFromDataMutabilityOptionFormatErrorDesc
     std::string* errorDescription);
 
 }  // namespace loomwork
+#pragma GCC visibility pop

@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 // The string with C escapes added: backslash, the control characters bell,
@@ -51,3 +52,4 @@ std::string nominativeOrdinalStringForNumber(uint64_t n);
 std::string dativeOrdinalStringForNumber(uint64_t n);
 
 }  // namespace loomwork
+#pragma GCC visibility pop

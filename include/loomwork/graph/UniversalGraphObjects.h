@@ -4,8 +4,9 @@
 
 #include <string>
 
-#include "platform/Object.h"
+#include "loomwork/platform/Object.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 // The object's "globalObjectUUID" (read through valueForKey()) when that is a
@@ -16,3 +17,4 @@ namespace loomwork {
 std::string universalGraphUUID(const Object& object);
 
 }  // namespace loomwork
+#pragma GCC visibility pop

@@ -5,8 +5,9 @@
 #include <optional>
 #include <string>
 
-#include "platform/Object.h"
+#include "loomwork/platform/Object.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 // One deletion or insertion: a position, the element when it is known, and
@@ -58,3 +59,4 @@ class UGListTransformItem : public Object {
 using UGListTransformItemArray = std::vector<Ref<UGListTransformItem>>;
 
 }  // namespace loomwork
+#pragma GCC visibility pop

@@ -8,10 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "listtransform/UGListTransformItem.h"
-#include "platform/IndexSet.h"
-#include "platform/Object.h"
+#include "loomwork/listtransform/UGListTransformItem.h"
+#include "loomwork/platform/IndexSet.h"
+#include "loomwork/platform/Object.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 class UGMutableListTransform;
@@ -187,3 +188,4 @@ class UGMutableListTransform : public UGListTransform {
 };
 
 }  // namespace loomwork
+#pragma GCC visibility pop

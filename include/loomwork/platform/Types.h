@@ -6,6 +6,7 @@
 #include <limits>
 #include <memory>
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 // The index that means "there is no such index" (the largest signed 64-bit
@@ -31,3 +32,4 @@ Ref<T> make(Args&&... args) {
 }
 
 }  // namespace loomwork
+#pragma GCC visibility pop

@@ -4,8 +4,9 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/Object.h"
+#include "loomwork/platform/Object.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 // An insert (from -1 to an index), a remove (from an index to -1) or a move
@@ -40,3 +41,4 @@ class TWArrayOperation : public Object {
 };
 
 }  // namespace loomwork
+#pragma GCC visibility pop

@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 // Answers the localised string for a key of a table, or absent for an unknown key.
@@ -30,3 +31,4 @@ std::string localizedString(std::string_view key, std::string_view defaultValue,
                             std::string_view table = kDefaultLocalizedStringTable);
 
 }  // namespace loomwork
+#pragma GCC visibility pop

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 // A newly generated random (version 4) UUID as 36 characters: upper-case
@@ -11,3 +12,4 @@ namespace loomwork {
 std::string newUUIDString();
 
 }  // namespace loomwork
+#pragma GCC visibility pop

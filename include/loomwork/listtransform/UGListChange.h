@@ -6,8 +6,9 @@
 #include <optional>
 #include <string>
 
-#include "platform/Object.h"
+#include "loomwork/platform/Object.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 enum UGListChangeType : uint64_t {
@@ -48,3 +49,4 @@ class UGListChange : public Object {
 };
 
 }  // namespace loomwork
+#pragma GCC visibility pop

@@ -6,8 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/Value.h"
+#include "loomwork/platform/Value.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 // Sorts values by the value found at a key path (read through dictionaries and
@@ -47,3 +48,4 @@ int compareWithSortDescriptors(const Value& a, const Value& b, const std::vector
 void sortUsingDescriptors(std::vector<Value>& values, const std::vector<SortDescriptor>& descriptors);
 
 }  // namespace loomwork
+#pragma GCC visibility pop

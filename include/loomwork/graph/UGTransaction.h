@@ -5,20 +5,22 @@
 #include <cstddef>
 #include <functional>
 #include <iterator>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "graph/UGEntityOperation.h"
-#include "graph/UGOperationTable.h"
-#include "platform/Object.h"
-#include "platform/Value.h"
+#include "loomwork/graph/UGEntityOperation.h"
+#include "loomwork/platform/Object.h"
+#include "loomwork/platform/Value.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 class UGMutableTransaction;
+class UGOperationTable;
 
 // A set of entity operations keyed by entity UUID, in insertion order (the
 // order of every enumeration, description and property list).
@@ -36,7 +38,10 @@ class UGTransaction : public Object {
   using EnumerationBlock =
       std::function<void(const std::string& uuid, const Ref<UGEntityOperation>& operation, bool& stop)>;
 
-  UGTransaction() = default;
+  UGTransaction();
+  ~UGTransaction() override;
+  UGTransaction(const UGTransaction&) = delete;
+  UGTransaction& operator=(const UGTransaction&) = delete;
 
   static Ref<UGTransaction> transaction() { return make<UGTransaction>(); }
   // The argument's copy().
@@ -61,15 +66,13 @@ class UGTransaction : public Object {
   // true, the same operation objects when it is false.
   Ref<UGMutableTransaction> mutableCopy() const;
 
-  const UGOperationTable& operations() const { return operations_; }
-
   // The operation for the UUID, or empty.
   Ref<UGEntityOperation> operationForUUID(std::string_view uuid) const;
   Ref<UGEntityOperation> objectForKeyedSubscript(std::string_view uuid) const { return operationForUUID(uuid); }
   Ref<UGEntityOperation> operator[](std::string_view uuid) const { return operationForUUID(uuid); }
   UGStringSet allUUIDs() const;
   std::vector<std::string> allUUIDsArray() const;
-  size_t count() const { return operations_.size(); }
+  size_t count() const;
 
   // Iteration yields the UUIDs in order.
   class UUIDIterator {
@@ -80,25 +83,23 @@ class UGTransaction : public Object {
     using pointer = const std::string*;
     using reference = const std::string&;
     UUIDIterator() = default;
-    explicit UUIDIterator(UGOperationTable::const_iterator it) : it_(it) {}
-    const std::string& operator*() const { return it_->uuid; }
-    const std::string* operator->() const { return &it_->uuid; }
-    UUIDIterator& operator++() {
-      ++it_;
-      return *this;
-    }
+    UUIDIterator(const UGOperationTable* table, size_t position) : table_(table), position_(position) {}
+    const std::string& operator*() const;
+    const std::string* operator->() const { return &**this; }
+    UUIDIterator& operator++();
     UUIDIterator operator++(int) {
       UUIDIterator before = *this;
-      ++it_;
+      ++*this;
       return before;
     }
-    friend bool operator==(const UUIDIterator& a, const UUIDIterator& b) { return a.it_ == b.it_; }
+    friend bool operator==(const UUIDIterator& a, const UUIDIterator& b) { return a.position_ == b.position_; }
 
    private:
-    UGOperationTable::const_iterator it_;
+    const UGOperationTable* table_ = nullptr;
+    size_t position_ = 0;
   };
-  UUIDIterator begin() const { return UUIDIterator(operations_.begin()); }
-  UUIDIterator end() const { return UUIDIterator(operations_.end()); }
+  UUIDIterator begin() const;
+  UUIDIterator end() const;
 
   // Calls the block for each entry in order until it sets `stop`. The block
   // must not change the transaction.
@@ -145,10 +146,13 @@ class UGTransaction : public Object {
   std::string description() const override;
 
  protected:
+  friend class UGMutableTransaction;
+
   // A new UGTransaction holding the same operation objects.
   Ref<UGTransaction> plainCopy() const;
 
-  UGOperationTable operations_;
+  // Never null; held by pointer so that the table stays an internal type.
+  std::unique_ptr<UGOperationTable> operations_;
   // Meaningful for UGMutableTransaction only; always false for a UGTransaction.
   bool containsMutableOperations_ = false;
 };
@@ -284,3 +288,4 @@ class UGMutableTransaction : public UGTransaction {
 };
 
 }  // namespace loomwork
+#pragma GCC visibility pop

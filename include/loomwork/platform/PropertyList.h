@@ -8,8 +8,9 @@
 #include <span>
 #include <string>
 
-#include "platform/Value.h"
+#include "loomwork/platform/Value.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 // The two serialised forms of a property list.
@@ -53,15 +54,5 @@ std::optional<Value> propertyListFromData(
     PropertyListMutabilityOption mutabilityOption = PropertyListMutabilityOption::Immutable,
     PropertyListFormat* format = nullptr, std::string* errorDescription = nullptr);
 
-// The two codecs, one per format, used by the functions above. They report a
-// failure by returning false or absent with `error` set.
-namespace plist_detail {
-bool writeBinary(const Value& plist, Data& out, std::string& error);
-bool writeXML(const Value& plist, Data& out, std::string& error);
-std::optional<Value> readBinary(std::span<const uint8_t> data, std::string& error);
-std::optional<Value> readXML(std::span<const uint8_t> data, std::string& error);
-// Why a value of `kind` (null, set, object) cannot be written in either format.
-const char* unwritableKindReason(Value::Kind kind);
-}  // namespace plist_detail
-
 }  // namespace loomwork
+#pragma GCC visibility pop

@@ -13,8 +13,9 @@
 #include <string>
 #include <string_view>
 
-#include "platform/IndexSet.h"
+#include "loomwork/platform/IndexSet.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 // UTF-8 to UTF-16. Ill-formed byte sequences become U+FFFD, so any bytes
@@ -67,3 +68,4 @@ struct AsciiSearchClasses {
 const AsciiSearchClasses& asciiSearchClasses();
 
 }  // namespace loomwork
+#pragma GCC visibility pop

@@ -8,10 +8,11 @@
 #include <optional>
 #include <vector>
 
-#include "listtransform/TWArrayOperation.h"
-#include "platform/IndexSet.h"
-#include "platform/Object.h"
+#include "loomwork/listtransform/TWArrayOperation.h"
+#include "loomwork/platform/IndexSet.h"
+#include "loomwork/platform/Object.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 class TWArrayOperationLinearizer;
@@ -104,3 +105,4 @@ class TWArrayOperationLinearizer : public Object, public TWArrayOperationLineari
 };
 
 }  // namespace loomwork
+#pragma GCC visibility pop

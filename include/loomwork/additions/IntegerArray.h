@@ -8,9 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "platform/Object.h"
-#include "platform/Types.h"
+#include "loomwork/platform/Object.h"
+#include "loomwork/platform/Types.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 class LWMutableIntegerArray;
@@ -97,3 +98,4 @@ class LWMutableIntegerArray : public LWIntegerArray {
 };
 
 }  // namespace loomwork
+#pragma GCC visibility pop

@@ -4,11 +4,12 @@
 
 #include <vector>
 
-#include "listtransform/UGListTransform.h"
-#include "platform/IndexSet.h"
-#include "platform/SortDescriptor.h"
-#include "platform/Value.h"
+#include "loomwork/listtransform/UGListTransform.h"
+#include "loomwork/platform/IndexSet.h"
+#include "loomwork/platform/SortDescriptor.h"
+#include "loomwork/platform/Value.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 // How transformForTransitioningFromArrayToArrayObjectComparison() matches
@@ -52,3 +53,4 @@ Ref<UGListTransform> transformForTransitioningFromArrayToArrayObjectComparison(c
                                                                                int objectComparison);
 
 }  // namespace loomwork
+#pragma GCC visibility pop

@@ -7,8 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/Types.h"
+#include "loomwork/platform/Types.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 // A range of indexes [location, location + length).
@@ -115,3 +116,4 @@ class IndexSet {
 };
 
 }  // namespace loomwork
+#pragma GCC visibility pop

@@ -17,8 +17,9 @@
 #include <optional>
 #include <string_view>
 
-#include "platform/Value.h"
+#include "loomwork/platform/Value.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 using ValueTransform = std::function<std::optional<Value>(const Value& element)>;
@@ -86,3 +87,4 @@ double doubleValueForKeyDefaultValue(const Dictionary& dictionary, const Value& 
 Dictionary dictionaryByReversingObjectsAndKeys(const Dictionary& dictionary);
 
 }  // namespace loomwork
+#pragma GCC visibility pop

@@ -7,9 +7,10 @@
 #include <string>
 #include <string_view>
 
-#include "platform/Types.h"
-#include "platform/Value.h"
+#include "loomwork/platform/Types.h"
+#include "loomwork/platform/Value.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 // The base of every reference type. Objects live in std::shared_ptr (Ref<T>);
@@ -58,3 +59,4 @@ class Object : public std::enable_shared_from_this<Object> {
 std::string addressString(const void* address);
 
 }  // namespace loomwork
+#pragma GCC visibility pop

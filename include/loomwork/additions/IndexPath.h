@@ -6,9 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "platform/Object.h"
-#include "platform/Types.h"
+#include "loomwork/platform/Object.h"
+#include "loomwork/platform/Types.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 // An immutable sequence of unsigned indexes (length 0 or more) that leads
@@ -53,3 +54,4 @@ class TWIndexPath : public IndexPath {
 };
 
 }  // namespace loomwork
+#pragma GCC visibility pop

@@ -18,8 +18,10 @@
 #include <string>
 #include <string_view>
 
-#include "platform/IndexSet.h"
+#include "loomwork/platform/IndexSet.h"
+#include "loomwork/platform/TextServices.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 // The score of the search string against the text, from 0 to 1 (32-bit float):
@@ -60,3 +62,4 @@ class AbbreviationScorer {
 };
 
 }  // namespace loomwork
+#pragma GCC visibility pop

@@ -4,6 +4,7 @@
 #include <exception>
 #include <string>
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 // What kind of programming error an Exception reports.
@@ -32,3 +33,4 @@ class Exception : public std::exception {
 };
 
 }  // namespace loomwork
+#pragma GCC visibility pop

@@ -19,6 +19,7 @@
 #include <tsl/ordered_map.h>
 #include <tsl/ordered_set.h>
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 class Object;
@@ -374,6 +375,7 @@ std::optional<Value> valueForKeyPath(const Value& value, std::string_view keyPat
 std::string describe(const std::optional<Value>& value);
 
 }  // namespace loomwork
+#pragma GCC visibility pop
 
 template <>
 struct std::hash<loomwork::Value> {

@@ -13,10 +13,11 @@
 #include <tsl/ordered_map.h>
 #include <tsl/ordered_set.h>
 
-#include "listtransform/UGListTransform.h"
-#include "platform/Object.h"
-#include "platform/Value.h"
+#include "loomwork/listtransform/UGListTransform.h"
+#include "loomwork/platform/Object.h"
+#include "loomwork/platform/Value.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 class UGMutableEntityOperation;
@@ -274,3 +275,4 @@ class UGMutableEntityOperation : public UGEntityOperation {
 };
 
 }  // namespace loomwork
+#pragma GCC visibility pop

@@ -4,9 +4,10 @@
 
 #include <cstdint>
 
-#include "platform/Object.h"
-#include "platform/Value.h"
+#include "loomwork/platform/Object.h"
+#include "loomwork/platform/Value.h"
 
+#pragma GCC visibility push(default)
 namespace loomwork {
 
 // Walks an array value from index 0 up to the end position `count`. The
@@ -63,3 +64,4 @@ Ref<TWReverseArrayIterator> reverseIterator(const Value& array);
 Ref<TWReverseArrayIterator> reverseIterator(Array array);
 
 }  // namespace loomwork
+#pragma GCC visibility pop
