@@ -1,5 +1,6 @@
 #include "loomwork/listtransform/ListTransformArrayOperations.h"
 
+#include <algorithm>
 #include <bit>
 #include <unordered_map>
 
@@ -73,8 +74,43 @@ struct EqualValues {
   bool operator()(const Value& a, const Value& b) const { return a == b; }
 };
 
+// Which of the matched elements stay where they are instead of moving.
+enum class Staying {
+  // The ones normalizeMoves() proves stayed in place.
+  NormalizedMoves,
+  // One longest run of them whose targets increase, so the fewest move.
+  LongestIncreasingRun,
+};
+
+// Marks as Dropped one longest subsequence of the matched targets (those not
+// None) that increases with the source position, and their slots. Patience
+// sorting: tails[k] is the source position ending the increasing runs of
+// length k + 1 with the lowest last target found so far. O(n log n).
+template <class P>
+void dropLongestIncreasingRun(std::vector<P>& target, std::vector<P>& slot, P None, P Dropped) {
+  const size_t n = target.size();
+  std::vector<P> tails;
+  std::vector<P> previous(n, None);
+  for (size_t i = 0; i < n; ++i) {
+    const P t = target[i];
+    if (t == None) continue;
+    auto at = std::lower_bound(tails.begin(), tails.end(), t, [&](P tail, P value) { return target[tail] < value; });
+    if (at != tails.begin()) previous[i] = *(at - 1);
+    if (at == tails.end()) {
+      tails.push_back(static_cast<P>(i));
+    } else {
+      *at = static_cast<P>(i);
+    }
+  }
+  if (tails.empty()) return;
+  for (P i = tails.back(); i != None; i = previous[i]) {
+    slot[target[i]] = Dropped;
+    target[i] = Dropped;
+  }
+}
+
 template <class Hash, class Equal, class P>
-Ref<UGListTransform> transition(const Array& from, const Array& to) {
+Ref<UGListTransform> transition(const Array& from, const Array& to, Staying staying) {
   constexpr P None = PositionTable<Hash, Equal, P>::None;
   constexpr P Dropped = None - 1;
   const size_t n = from.size(), m = to.size();
@@ -85,18 +121,23 @@ Ref<UGListTransform> transition(const Array& from, const Array& to) {
     for (size_t i = 0; i < n; ++i) target[i] = table.take(from[i]);
   }
 
-  // Dropping needless moves: every old element has a deletion item and every
-  // new position an insertion item, so the walk from the last deletion down
-  // drops a move exactly when no move dropped before it had a lower target.
   // slot[j] says what becomes of position j of `to`: None, a plain insertion;
   // Dropped, nothing; otherwise the position of its move's deletion item.
   std::vector<P> slot(m, None);
-  size_t lowestDropped = m;
-  for (size_t i = n; i-- > 0;) {
-    if (target[i] == None || target[i] >= lowestDropped) continue;
-    lowestDropped = target[i];
-    slot[target[i]] = Dropped;
-    target[i] = Dropped;
+  if (staying == Staying::LongestIncreasingRun) {
+    dropLongestIncreasingRun(target, slot, None, Dropped);
+  } else {
+    // Dropping needless moves: every old element has a deletion item and
+    // every new position an insertion item, so the walk from the last
+    // deletion down drops a move exactly when no move dropped before it had
+    // a lower target.
+    size_t lowestDropped = m;
+    for (size_t i = n; i-- > 0;) {
+      if (target[i] == None || target[i] >= lowestDropped) continue;
+      lowestDropped = target[i];
+      slot[target[i]] = Dropped;
+      target[i] = Dropped;
+    }
   }
 
   auto result = UGMutableListTransform::transform();
@@ -122,10 +163,22 @@ Ref<UGListTransform> transition(const Array& from, const Array& to) {
 }
 
 template <class Hash, class Equal>
-Ref<UGListTransform> transition(const Array& from, const Array& to) {
+Ref<UGListTransform> transition(const Array& from, const Array& to, Staying staying) {
   // 32-bit positions halve the tables for every array of realistic size.
-  if (std::max(from.size(), to.size()) < UINT32_MAX - 2) return transition<Hash, Equal, uint32_t>(from, to);
-  return transition<Hash, Equal, uint64_t>(from, to);
+  if (std::max(from.size(), to.size()) < UINT32_MAX - 2) return transition<Hash, Equal, uint32_t>(from, to, staying);
+  return transition<Hash, Equal, uint64_t>(from, to, staying);
+}
+
+Ref<UGListTransform> transition(const Array& from, const Array& to, UGListTransformObjectComparison objectComparison,
+                                Staying staying) {
+  if (objectComparison == UGListTransformObjectComparisonIdentity) {
+    bool same = from.size() == to.size();
+    for (size_t i = 0; same && i < from.size(); ++i) same = from[i].isIdenticalTo(to[i]);
+    if (same) return UGListTransform::transform();
+    return transition<ValueIdentityHash, ValueIdentityEqual>(from, to, staying);
+  }
+  if (from == to) return UGListTransform::transform();
+  return transition<ValueHash, EqualValues>(from, to, staying);
 }
 
 }  // namespace
@@ -229,16 +282,14 @@ void sortUsingDescriptorsResultingTransform(Array& array, const std::vector<Sort
   *resultingTransform = mutableTransform ? mutableTransform : transform->mutableCopy();
 }
 
-Ref<UGListTransform> transformForTransitioningFromArrayToArrayObjectComparison(const Array& from, const Array& to,
-                                                                               int objectComparison) {
-  if (objectComparison == UGListTransformObjectComparisonIdentity) {
-    bool same = from.size() == to.size();
-    for (size_t i = 0; same && i < from.size(); ++i) same = from[i].isIdenticalTo(to[i]);
-    if (same) return UGListTransform::transform();
-    return transition<ValueIdentityHash, ValueIdentityEqual>(from, to);
-  }
-  if (from == to) return UGListTransform::transform();
-  return transition<ValueHash, EqualValues>(from, to);
+Ref<UGListTransform> transformForTransitioningFromArrayToArrayObjectComparison(
+    const Array& from, const Array& to, UGListTransformObjectComparison objectComparison) {
+  return transition(from, to, objectComparison, Staying::NormalizedMoves);
+}
+
+Ref<UGListTransform> transformWithFewestMovesForTransitioningFromArrayToArrayObjectComparison(
+    const Array& from, const Array& to, UGListTransformObjectComparison objectComparison) {
+  return transition(from, to, objectComparison, Staying::LongestIncreasingRun);
 }
 
 }  // namespace loomwork

@@ -132,7 +132,7 @@ inline std::vector<Ref<UGMutableTransaction>> randomSequence(Rng& rng, const Sto
         if (!relations || uniform(rng, 0, 2) != 0) continue;
         const Array& old = record.lists[name];
         operation->setTransformForRelation(
-            transformForTransitioningFromArrayToArrayObjectComparison(old, editedList(rng, old), 1), name);
+            transformForTransitioningFromArrayToArrayObjectComparison(old, editedList(rng, old), UGListTransformObjectComparisonEquality), name);
       }
       if (type == C || type == U) settled.insert(uuid);
       applyOperation(record, *operation);

@@ -152,7 +152,7 @@ TEST(ListTransformProperties, TransitionReachesTheNewArrayInBothComparisonModes)
       const auto last = static_cast<int64_t>(a.size()) - 1;
       for (Value& x : b) x = last < 0 || uniform(rng, 0, 1) ? text(x) : a[static_cast<size_t>(uniform(rng, 0, last))];
     }
-    for (int mode : {0, 1}) {
+    for (auto mode : {UGListTransformObjectComparisonIdentity, UGListTransformObjectComparisonEquality}) {
       auto t = transformForTransitioningFromArrayToArrayObjectComparison(a, b, mode);
       ASSERT_TRUE(isCanonical(*t));
       const Array reached = arrayByApplyingTransform(a, *t);

@@ -60,16 +60,16 @@ TEST(ListTransform, TransitionComparesByIdentityOrEquality) {
   // Texts longer than a value holds inline are separate string objects.
   auto longTexts = [] { return Array{std::string(30, 'a'), std::string(30, 'b'), std::string(30, 'c')}; };
   const Array same = longTexts();
-  auto unchanged = transformForTransitioningFromArrayToArrayObjectComparison(same, same, 0);
+  auto unchanged = transformForTransitioningFromArrayToArrayObjectComparison(same, same, UGListTransformObjectComparisonIdentity);
   EXPECT_TRUE(unchanged->isIdentity());
   EXPECT_EQ(std::dynamic_pointer_cast<UGMutableListTransform>(unchanged), nullptr);
   // Equal texts in new string objects are not the same objects; every mode but 0 compares by equality.
-  EXPECT_EQ(shape(*transformForTransitioningFromArrayToArrayObjectComparison(same, longTexts(), 0)),
+  EXPECT_EQ(shape(*transformForTransitioningFromArrayToArrayObjectComparison(same, longTexts(), UGListTransformObjectComparisonIdentity)),
             "-0 -1 -2 +0 +1 +2 ");
-  EXPECT_TRUE(transformForTransitioningFromArrayToArrayObjectComparison(same, longTexts(), 7)->isIdentity());
+  EXPECT_TRUE(transformForTransitioningFromArrayToArrayObjectComparison(same, longTexts(), UGListTransformObjectComparison(7))->isIdentity());
   // Short texts live in the value, so equal ones are the same string.
   EXPECT_TRUE(
-      transformForTransitioningFromArrayToArrayObjectComparison(Array{"a", "b"}, Array{"a", "b"}, 0)->isIdentity());
+      transformForTransitioningFromArrayToArrayObjectComparison(Array{"a", "b"}, Array{"a", "b"}, UGListTransformObjectComparisonIdentity)->isIdentity());
 }
 
 TEST(ListTransform, CopiesOffsetsAndDerivedTransforms) {

@@ -49,8 +49,25 @@ void sortUsingDescriptorsResultingTransform(Array& array, const std::vector<Sort
 // surviving elements are dropped (UGMutableListTransform::normalizeMoves).
 // Unchanged arrays give an empty UGListTransform, anything else a
 // UGMutableListTransform. Expected O(n) with hashing.
+//
+// It does not minimise the moves: a matched element stays only when no element
+// after it that stays has a lower target, so moving the last of 1,000 elements
+// to the front reports the other 999 as moves. For the fewest moves use
+// transformWithFewestMovesForTransitioningFromArrayToArrayObjectComparison().
 Ref<UGListTransform> transformForTransitioningFromArrayToArrayObjectComparison(const Array& from, const Array& to,
-                                                                               int objectComparison);
+                                                                               UGListTransformObjectComparison objectComparison);
+
+// The same deletions and insertions as the transition above, with the fewest
+// moves for its matching: of the matched elements, one longest run whose new
+// positions increase with their old ones stays in place and every other one is
+// a move (moving the last of 1,000 elements to the front is one move). Equal
+// elements are matched in order, as above; with repeated elements another
+// matching can need fewer moves ([p a s a] to [a p a s] is two moves here, one
+// when the second "a" goes first). O(n log n) for the moves after the expected
+// O(n) matching. Unchanged arrays give an empty UGListTransform, anything else
+// a UGMutableListTransform.
+Ref<UGListTransform> transformWithFewestMovesForTransitioningFromArrayToArrayObjectComparison(
+    const Array& from, const Array& to, UGListTransformObjectComparison objectComparison);
 
 }  // namespace loomwork
 #pragma GCC visibility pop
