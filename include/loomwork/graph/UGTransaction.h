@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "loomwork/graph/UGEntityOperation.h"
+#include "loomwork/graph/UniversalGraphObjects.h"
 #include "loomwork/platform/Object.h"
 #include "loomwork/platform/Value.h"
 

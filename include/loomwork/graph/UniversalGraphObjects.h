@@ -12,8 +12,9 @@ namespace loomwork {
 // The object's "globalObjectUUID" (read through valueForKey()) when that is a
 // string; otherwise "MemoryBasedUUID-<n>" with n the object's address
 // truncated to a signed 32-bit integer, which is stable only while the object
-// lives. The transaction queries that take objects (containsDeletedObject()
-// and the rest, on UGTransaction) go through this.
+// lives. The transaction queries that take objects
+// (UGTransaction::containsDeletedObject and the rest, in UGTransaction.h) go
+// through this.
 std::string universalGraphUUID(const Object& object);
 
 }  // namespace loomwork
