@@ -1,6 +1,7 @@
 // Object: the root of every reference type of the library.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -8,6 +9,7 @@
 #include <string_view>
 
 #include "loomwork/platform/Types.h"
+#include "loomwork/platform/UUID.h"
 #include "loomwork/platform/Value.h"
 
 #pragma GCC visibility push(default)
@@ -43,6 +45,18 @@ class Object : public std::enable_shared_from_this<Object> {
   // through the values it yields. Absent as soon as a component is missing.
   std::optional<Value> valueForKeyPath(std::string_view keyPath) const;
 
+  // A random UUID of the object's own in canonical upper-case form, made on
+  // the first request and kept for the object's life. Any thread may ask;
+  // concurrent first requests agree on one UUID.
+  const std::string& globalObjectUUID() const {
+    const std::string* text = globalObjectUUID_.text.load(std::memory_order_acquire);
+    if (text != nullptr) return *text;
+    auto* made = new std::string(newUUIDString());
+    if (globalObjectUUID_.text.compare_exchange_strong(text, made, std::memory_order_acq_rel)) return *made;
+    delete made;
+    return *text;
+  }
+
   // The shared pointer that owns this object, cast to T (empty when the object
   // is not owned by a shared pointer or is not a T).
   template <class T = Object>
@@ -53,6 +67,17 @@ class Object : public std::enable_shared_from_this<Object> {
   std::shared_ptr<const T> ref() const {
     return std::dynamic_pointer_cast<const T>(weak_from_this().lock());
   }
+
+ private:
+  // Holds the globalObjectUUID() text once it has been asked for.
+  struct GlobalObjectUUIDSlot {
+    GlobalObjectUUIDSlot() = default;
+    GlobalObjectUUIDSlot(const GlobalObjectUUIDSlot&) = delete;
+    GlobalObjectUUIDSlot& operator=(const GlobalObjectUUIDSlot&) = delete;
+    ~GlobalObjectUUIDSlot() { delete text.load(std::memory_order_acquire); }
+    std::atomic<const std::string*> text{nullptr};
+  };
+  mutable GlobalObjectUUIDSlot globalObjectUUID_;
 };
 
 // "0x" followed by the address in lower-case hexadecimal.
