@@ -1,7 +1,8 @@
 // Speed of the list transforms beside their peers: the transition between two
-// arrays against dtl's shortest edit script and against the floor of indexing
-// the new array in a hash map; composition against copying the items;
-// linearization against the plain walk; and memory per item.
+// arrays, and the one with the fewest moves, against dtl's shortest edit
+// script and against the floor of indexing the new array in a hash map;
+// composition against copying the items; linearization against the plain
+// walk; and memory per item.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <dtl.hpp>
@@ -49,19 +50,41 @@ const EditedPair& editedPair(size_t n) {
   return cache.emplace(n, std::move(pair)).first->second;
 }
 
-void BM_Transition(benchmark::State& state) {
+size_t moveCount(const UGListTransform& t) {
+  return static_cast<size_t>(std::count_if(t.deletions().begin(), t.deletions().end(),
+                                           [](const auto& item) { return item->hasMoveLink(); }));
+}
+
+template <Ref<UGListTransform> (*Transition)(const Array&, const Array&, UGListTransformObjectComparison)>
+void runTransition(benchmark::State& state) {
   const auto& pair = editedPair(static_cast<size_t>(state.range(0)));
-  size_t items = 0;
+  size_t items = 0, moves = 0;
   for (auto _ : state) {
-    auto t = transformForTransitioningFromArrayToArrayObjectComparison(pair.oldValues, pair.newValues,
-                                                                       UGListTransformObjectComparisonEquality);
+    auto t = Transition(pair.oldValues, pair.newValues, UGListTransformObjectComparisonEquality);
     items = t->deletions().size() + t->insertions().size();
+    moves = moveCount(*t);
     benchmark::DoNotOptimize(t);
   }
   state.counters["items"] = static_cast<double>(items);
+  state.counters["moves"] = static_cast<double>(moves);
   state.SetComplexityN(state.range(0));
 }
+
+void BM_Transition(benchmark::State& state) {
+  runTransition<transformForTransitioningFromArrayToArrayObjectComparison>(state);
+}
 BENCHMARK(BM_Transition)->Arg(10'000)->Arg(100'000)->Arg(1'000'000)->Unit(benchmark::kMillisecond)->Complexity();
+
+// The same inputs with the fewest moves (a longest increasing run stays).
+void BM_TransitionFewestMoves(benchmark::State& state) {
+  runTransition<transformWithFewestMovesForTransitioningFromArrayToArrayObjectComparison>(state);
+}
+BENCHMARK(BM_TransitionFewestMoves)
+    ->Arg(10'000)
+    ->Arg(100'000)
+    ->Arg(1'000'000)
+    ->Unit(benchmark::kMillisecond)
+    ->Complexity();
 
 void BM_TransitionFloorHashMap(benchmark::State& state) {
   const auto& pair = editedPair(static_cast<size_t>(state.range(0)));
