@@ -81,8 +81,9 @@ int64_t denseBound(const Mapping& mapping, size_t slack) {
 
 Ref<UGListTransform> transitionBetweenMappings(const Mapping& from, const Mapping& to) {
   if (from == to) return UGListTransform::transform();
-  const int64_t bound = std::max(denseBound(from, to.size()), denseBound(to, from.size()));
-  if (denseBound(from, to.size()) < 0 || denseBound(to, from.size()) < 0) {
+  const int64_t fromBound = denseBound(from, to.size()), toBound = denseBound(to, from.size());
+  const int64_t bound = std::max(fromBound, toBound);
+  if (fromBound < 0 || toBound < 0) {
     return transformForTransitioningFromArrayToArrayObjectComparison(valuesOf(from), valuesOf(to),
                                                                      UGListTransformObjectComparisonEquality);
   }
@@ -263,7 +264,8 @@ Ref<UGMutableListTransform> filterDifference(const Mapping& from, const Mapping&
 }
 
 Ref<UGMutableListTransform> sortingFollowInnerTransform(Mapping& mapping, const UGListTransform& inner,
-                                                        bool& inserted) {
+                                                        bool& inserted, std::vector<int64_t>& survivingPositions) {
+  survivingPositions.clear();
   auto result = UGMutableListTransform::transform();
   auto& deletions = result->mutableDeletions();
   auto& insertions = result->mutableInsertions();
@@ -276,6 +278,7 @@ Ref<UGMutableListTransform> sortingFollowInnerTransform(Mapping& mapping, const 
     if (y == NotFound) {
       deletions.push_back(item(static_cast<int64_t>(k), std::nullopt));
     } else {
+      survivingPositions.push_back(static_cast<int64_t>(k));
       mapping[kept++] = y;
     }
   }

@@ -60,9 +60,10 @@ Ref<UGMutableListTransform> filterDifference(const Mapping& from, const Mapping&
 // The sorting segment's exit-hook step for an inner change: moves the mapping
 // through `inner`, drops deleted entries, appends inserted inner indexes, and
 // returns the deletions and insertions (no objects). Sets `inserted` when
-// anything was appended.
+// anything was appended; `survivingPositions` receives the old positions of
+// the entries kept, in order.
 Ref<UGMutableListTransform> sortingFollowInnerTransform(Mapping& mapping, const UGListTransform& inner,
-                                                        bool& inserted);
+                                                        bool& inserted, std::vector<int64_t>& survivingPositions);
 
 // The order of inner items under sort descriptors, with the sort keys read
 // once per item and kept beside the mapping, position by position. The

@@ -1,0 +1,150 @@
+#include "loomwork/segments/SGFilterSegment.h"
+
+#include <algorithm>
+
+#include "segments/SGMappingAlgorithms.h"
+
+namespace loomwork {
+
+SGFilterSegment::SGFilterSegment() : mapping_(LWMutableIntegerArray::array()) {}
+
+SGFilterSegment::SGFilterSegment(std::string debugName)
+    : SGContainerSegment(std::move(debugName)), mapping_(LWMutableIntegerArray::array()) {}
+
+SGFilterSegment::~SGFilterSegment() = default;
+
+void SGFilterSegment::setInnerSegment(Ref<SGSegment> segment) {
+  if (segment == innerSegment_) return;
+  if (innerSegment_) {
+    releaseChildSegment(*innerSegment_);
+    innerSegment_.reset();
+    updateMappingAndNotify();
+  }
+  innerSegment_ = std::move(segment);
+  if (innerSegment_) adoptChildSegment(*innerSegment_);
+  updateMappingAndNotify();
+}
+
+void SGFilterSegment::setFilterBlock(FilterBlock block) {
+  if (!block && !filterBlock_) return;
+  filterBlock_ = std::move(block);
+  updateMappingAndNotify();
+}
+
+void SGFilterSegment::updateMappingAndNotify() {
+  Ref<UGListTransform> transform = _updateMapping();
+  if (!transform->isIdentity()) publishItemsTransform(transform);
+}
+
+Ref<UGListTransform> SGFilterSegment::_updateMapping() {
+  std::vector<int64_t> shown;
+  if (innerSegment_) {
+    // The count is read again every step: the test may change the inner segment.
+    for (int64_t index = 0; index < innerSegment_->itemCount(); ++index) {
+      if (!filterBlock_ || filterBlock_(*innerSegment_, index)) shown.push_back(index);
+    }
+  }
+  auto transform = sgdetail::filterDifference(mapping_->vector(), shown);
+  mapping_->setVector(std::move(shown));
+  return transform;
+}
+
+// Every operation leaves the mapping ascending, so the documented linear
+// searches become binary ones with the same answers (the first occurrence).
+int64_t SGFilterSegment::transformIndexFromChildSegment(int64_t index, const SGSegment*) const {
+  const auto& mapping = mapping_->vector();
+  auto at = std::lower_bound(mapping.begin(), mapping.end(), index);
+  return at != mapping.end() && *at == index ? at - mapping.begin() : NotFound;
+}
+
+int64_t SGFilterSegment::transformIndexToChildSegment(int64_t index, Ref<SGSegment>* outChild) const {
+  if (mapping_->count() == 0) return NotFound;
+  if (outChild != nullptr) *outChild = innerSegment_;
+  return mapping_->integerAtIndex(index);
+}
+
+int64_t SGFilterSegment::transformDropIndexFromChildSegment(int64_t index, const SGSegment*) const {
+  if (index == NotFound) return NotFound;
+  const auto& mapping = mapping_->vector();
+  if (mapping.empty()) return 0;
+  // The walk keeps the last shown inner index + 1 when the first shown one is
+  // already above the drop index.
+  auto at = std::lower_bound(mapping.begin(), mapping.end(), index);
+  if (at == mapping.begin() && *at != index) return mapping.back() + 1;
+  return at - mapping.begin();
+}
+
+int64_t SGFilterSegment::transformDropIndexToChildSegment(int64_t index, Ref<SGSegment>* outChild) const {
+  if (index == NotFound) {
+    if (outChild != nullptr) outChild->reset();
+    return NotFound;
+  }
+  if (outChild != nullptr) *outChild = innerSegment_;
+  if (mapping_->count() == 0) return 0;
+  if (index == mapping_->count()) return mapping_->lastInteger() + 1;
+  return mapping_->integerAtIndex(index);
+}
+
+std::optional<IndexSet> SGFilterSegment::indexesForRepresentedObject(const Value& object) const {
+  IndexSet result;
+  if (!innerSegment_) return result;
+  if (auto inner = innerSegment_->indexesForRepresentedObject(object)) {
+    for (int64_t index : *inner) {
+      const int64_t position = transformIndexFromChildSegment(index, innerSegment_.get());
+      if (position != NotFound) result.addIndex(position);
+    }
+  }
+  return result;
+}
+
+void SGFilterSegment::appendRepresentedObjectsToArray(Array& array) const {
+  if (itemCount() == 0 || !innerSegment_) return;
+  Array scratch;
+  innerSegment_->appendRepresentedObjectsToArray(scratch);
+  for (int64_t index : mapping_->vector()) {
+    if (index >= 0 && static_cast<size_t>(index) < scratch.size()) array.push_back(scratch[static_cast<size_t>(index)]);
+  }
+}
+
+IndexSet SGFilterSegment::indexSetByTransformingInnerSegmentIndexSet(const IndexSet& innerIndexes) const {
+  std::vector<int64_t> positions;
+  const auto& mapping = mapping_->vector();
+  for (size_t position = 0; position < mapping.size(); ++position) {
+    if (innerIndexes.containsIndex(mapping[position])) positions.push_back(static_cast<int64_t>(position));
+  }
+  return IndexSet::fromIndexes(positions);
+}
+
+void SGFilterSegment::depthFirstSearchStop(const DepthFirstSearchBlock& block, bool& stop) {
+  SGSegment::depthFirstSearchStop(block, stop);
+  if (innerSegment_) innerSegment_->depthFirstSearchStop(block, stop);
+}
+
+NPWSuccessors SGFilterSegment::nextNodesForNotification(NPWNotification&) {
+  if (!innerSegment_) return {};
+  return {NPWSuccessor(innerSegment_)};
+}
+
+void SGFilterSegment::willExitNodeWithNotification(NPWNotification& notification) {
+  Ref<SGSegment> inner = innerSegment_;
+  Ref<UGListTransform> innerTransform =
+      inner ? transformForRelationOfSegmentInNotification(SGSegmentItemsRelation, *inner, notification) : nullptr;
+  if (innerTransform && !innerTransform->isIdentity()) {
+    sgdetail::KeepBlock keep;
+    if (filterBlock_) {
+      FilterBlock test = filterBlock_;
+      keep = [&test, &inner](int64_t index) { return test(*inner, index); };
+    }
+    auto represented = [&inner](int64_t index) { return inner->representedObjectAtIndex(index); };
+    std::vector<int64_t> mapping = mapping_->vector();
+    auto transform = sgdetail::filterFollowInnerTransform(mapping, *innerTransform, keep, represented);
+    mapping_->setVector(std::move(mapping));
+    // Published also when it changes nothing.
+    publishItemsTransform(transform);
+  }
+  if (shouldRefilterOnNotificationBlock_ && shouldRefilterOnNotificationBlock_(notification, *this)) {
+    updateMappingAndNotify();
+  }
+}
+
+}  // namespace loomwork
