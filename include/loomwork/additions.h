@@ -11,3 +11,4 @@
 #include "loomwork/additions/StringAdditions.h"
 #include "loomwork/additions/StringScoring.h"
 #include "loomwork/additions/PropertyListAdditions.h"
+#include "loomwork/additions/TWDayDate.h"
