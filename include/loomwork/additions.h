@@ -12,3 +12,4 @@
 #include "loomwork/additions/StringScoring.h"
 #include "loomwork/additions/PropertyListAdditions.h"
 #include "loomwork/additions/TWDayDate.h"
+#include "loomwork/additions/LWURLDetectionOperation.h"

@@ -12,3 +12,4 @@
 #include "loomwork/platform/TextServices.h"
 #include "loomwork/platform/UUID.h"
 #include "loomwork/platform/PropertyList.h"
+#include "loomwork/platform/DataDetector.h"
