@@ -13,3 +13,5 @@
 #include "loomwork/additions/PropertyListAdditions.h"
 #include "loomwork/additions/TWDayDate.h"
 #include "loomwork/additions/LWURLDetectionOperation.h"
+#include "loomwork/additions/ThreadDispatch.h"
+#include "loomwork/additions/TWWarpTenProgress.h"
