@@ -18,13 +18,10 @@ SGSegment::SGSegment(DebugNameBlock debugNameBlock) : SGSegment() { debugNameBlo
 SGSegment::~SGSegment() = default;
 
 Ref<SGSegment> SGSegment::rootSegment() const {
-  Ref<SGSegment> current = std::const_pointer_cast<SGSegment>(ref<SGSegment>());
-  const SGSegment* at = this;
-  while (Ref<SGContainerSegment> parent = at->parentSegment()) {
-    current = parent;
-    at = current.get();
-  }
-  return current;
+  Ref<SGContainerSegment> parent = parentSegment();
+  if (!parent) return std::const_pointer_cast<SGSegment>(std::static_pointer_cast<const SGSegment>(weak_from_this().lock()));
+  while (Ref<SGContainerSegment> next = parent->parentSegment()) parent = std::move(next);
+  return parent;
 }
 
 bool SGSegment::descendsFromSegment(const SGSegment* segment) const {
@@ -57,9 +54,11 @@ int64_t SGSegment::transformIndexToAncestorSegment(int64_t index, const SGSegmen
 }
 
 int64_t SGSegment::transformIndexFromAncestorSegment(int64_t index, const SGSegment* ancestor) const {
-  Ref<SGSegment> current = ancestor != nullptr ? std::const_pointer_cast<SGSegment>(ancestor->ref<SGSegment>())
-                                               : rootSegment();
-  const SGSegment* at = ancestor != nullptr ? ancestor : current.get();
+  // The walk holds each child it reaches; the ancestor is the caller's, or
+  // held here when it is the root.
+  Ref<SGSegment> root = ancestor == nullptr ? rootSegment() : nullptr;
+  const SGSegment* at = ancestor != nullptr ? ancestor : root.get();
+  Ref<SGSegment> current;
   while (at != this) {
     const auto* container = dynamic_cast<const SGContainerSegment*>(at);
     if (container == nullptr) return NotFound;
