@@ -13,7 +13,15 @@ uint64_t IndexPath::indexAtPosition(size_t position) const {
 Ref<IndexPath> IndexPath::indexPathByAddingIndex(uint64_t index) const {
   std::vector<uint64_t> indexes = indexes_;
   indexes.push_back(index);
+  return makePathWithIndexes(std::move(indexes));
+}
+
+Ref<IndexPath> IndexPath::makePathWithIndexes(std::vector<uint64_t> indexes) const {
   return make<IndexPath>(std::move(indexes));
+}
+
+Ref<IndexPath> TWIndexPath::makePathWithIndexes(std::vector<uint64_t> indexes) const {
+  return make<TWIndexPath>(std::move(indexes));
 }
 
 bool IndexPath::isEqual(const Object& other) const {
@@ -40,9 +48,9 @@ ComparisonResult TWIndexPath::compare(const IndexPath& other) const {
 }
 
 Ref<TWIndexPath> TWIndexPath::indexPathByAddingIndex(uint64_t index) const {
-  std::vector<uint64_t> indexes = indexes_;
-  indexes.push_back(index);
-  return make<TWIndexPath>(std::move(indexes));
+  Ref<IndexPath> path = IndexPath::indexPathByAddingIndex(index);
+  if (auto typed = std::dynamic_pointer_cast<TWIndexPath>(path)) return typed;
+  return make<TWIndexPath>(path->indexes());
 }
 
 std::string TWIndexPath::description() const {

@@ -101,6 +101,10 @@ TEST(IndexPath, OrderingAndText) {
   Ref<TWIndexPath> longer = path->indexPathByAddingIndex(7);
   EXPECT_EQ((std::vector<uint64_t>{4, 7}), longer->indexes());
   EXPECT_EQ((std::vector<uint64_t>{4}), path->indexes());
+  // Appending through the base keeps the class.
+  const IndexPath& base = *path;
+  EXPECT_NE(nullptr, std::dynamic_pointer_cast<TWIndexPath>(base.indexPathByAddingIndex(7)));
+  EXPECT_EQ(nullptr, std::dynamic_pointer_cast<TWIndexPath>(IndexPath({1}).indexPathByAddingIndex(7)));
   EXPECT_TRUE(longer->isEqual(IndexPath({4, 7})) && !longer->isEqual(IndexPath({7, 4})));
   EXPECT_EQ(static_cast<uint64_t>(NotFound), longer->indexAtPosition(2));
 

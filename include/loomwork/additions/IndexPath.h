@@ -25,13 +25,17 @@ class IndexPath : public Object {
   // The index at `position`, or NotFound (as unsigned) beyond the length.
   uint64_t indexAtPosition(size_t position) const;
   const std::vector<uint64_t>& indexes() const { return indexes_; }
-  // A new path with `index` appended.
+  // A new path with `index` appended, of the receiver's own class (a
+  // TWIndexPath gives a TWIndexPath also when called through this base).
   Ref<IndexPath> indexPathByAddingIndex(uint64_t index) const;
 
   bool isEqual(const Object& other) const override;
   size_t hash() const override;
 
  protected:
+  // A new path of the receiver's class holding `indexes`; subclasses override it.
+  virtual Ref<IndexPath> makePathWithIndexes(std::vector<uint64_t> indexes) const;
+
   std::vector<uint64_t> indexes_;
 };
 
@@ -51,6 +55,9 @@ class TWIndexPath : public IndexPath {
   // hexadecimal, the length and "index" or "indexes", then the indexes in
   // brackets unless the path is empty.
   std::string description() const override;
+
+ protected:
+  Ref<IndexPath> makePathWithIndexes(std::vector<uint64_t> indexes) const override;
 };
 
 }  // namespace loomwork
