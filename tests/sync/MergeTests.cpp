@@ -1,12 +1,13 @@
 // The merge of concurrent server and client transactions.
 #include <gtest/gtest.h>
 
-#include <random>
-
 #include "loomwork/sync.h"
 
 namespace loomwork {
 namespace {
+
+constexpr UGEntityOperationType C = UGEntityOperationTypeCreate, U = UGEntityOperationTypeUpdate,
+                                D = UGEntityOperationTypeDelete, I = UGEntityOperationTypeIdentity;
 
 Ref<UGMutableEntityOperation> op(UGEntityOperationType type, std::initializer_list<std::pair<const char*, Value>> values = {}) {
   auto operation = make<UGMutableEntityOperation>(type, "Note");
@@ -20,8 +21,7 @@ Ref<UGMutableTransaction> with(std::initializer_list<std::pair<const char*, Ref<
   return transaction;
 }
 
-// Dates come from a "modified" property, as an application's merge class
-// would read them.
+// Reads dates from a "modified" property, as an application's merge would.
 class DatedMerge : public OTMerge {
  public:
   std::optional<Date> modificationDateForEntityOperation(const UGEntityOperation& operation) const override {
@@ -32,140 +32,94 @@ class DatedMerge : public OTMerge {
 };
 
 TEST(OTMerge, DecisionTable) {
-  constexpr UGEntityOperationType C = UGEntityOperationTypeCreate, U = UGEntityOperationTypeUpdate,
-                                  D = UGEntityOperationTypeDelete, I = UGEntityOperationTypeIdentity;
-  const auto absent = static_cast<UGEntityOperationType>(0);
-  const UGEntityOperationType sides[] = {absent, C, U, D, I};
-  // Rows: the client's operation; columns: the server's. 's' server, 'c'
-  // client, 'm' merged update, '-' nothing.
-  const char* const table[] = {
-      "-ssss",  // absent
-      "csssc",  // CREATE
-      "ccmsc",  // UPDATE
-      "ccccc",  // DELETE
-      "cssss",  // IDENTITY
-  };
+  const auto absent = static_cast<UGEntityOperationType>(0), odd = static_cast<UGEntityOperationType>(7);
+  const UGEntityOperationType sides[] = {absent, C, U, D, I, odd};
+  // Rows: the client's operation; columns: the server's. s server, c client,
+  // m merged update, - nothing.
+  const char* const table[] = {"-sssss", "csssc-", "ccmsc-", "ccccc-", "cssss-", "------"};
   OTMerge merge;
-  for (int row = 0; row < 5; ++row) {
-    for (int column = 0; column < 5; ++column) {
+  for (int row = 0; row < 6; ++row) {
+    for (int column = 0; column < 6; ++column) {
       SCOPED_TRACE(std::to_string(row) + "," + std::to_string(column));
-      auto server = UGMutableTransaction::transactionContainingMutableOperations();
-      auto client = UGMutableTransaction::transactionContainingMutableOperations();
-      if (sides[column] != absent) server->setOperationForUUID(op(sides[column], {{"from", "server"}}), "e");
-      if (sides[row] != absent) client->setOperationForUUID(op(sides[row], {{"from", "client"}}), "e");
-      Value serverBefore = server->extendedPropertyListRepresentation();
-      Value clientBefore = client->extendedPropertyListRepresentation();
-      Ref<UGMutableTransaction> result = merge.mergeServerOperationClientOperation(*server, *client);
-      Ref<UGEntityOperation> chosen = result->operationForUUID("e");
+      auto server = sides[column] == absent ? with({}) : with({{"e", op(sides[column], {{"from", "server"}})}});
+      auto client = sides[row] == absent ? with({}) : with({{"e", op(sides[row], {{"from", "client"}})}});
+      Value before = Value::array({server->extendedPropertyListRepresentation(), client->extendedPropertyListRepresentation()});
+      Ref<UGEntityOperation> chosen = merge.mergeServerOperationClientOperation(*server, *client)->operationForUUID("e");
       const char expected = table[row][column];
-      switch (expected) {
-        case '-':
-          EXPECT_EQ(result->count(), 0u);
-          break;
-        case 's':
-        case 'c': {
-          const UGTransaction& side = expected == 's' ? *server : *client;
-          ASSERT_TRUE(chosen);
-          EXPECT_EQ(chosen->extendedPropertyListRepresentation(), side.operationForUUID("e")->extendedPropertyListRepresentation());
-          EXPECT_NE(chosen, side.operationForUUID("e"));  // a copy, not the side's object
-          break;
-        }
-        default:
-          ASSERT_TRUE(chosen);
-          EXPECT_EQ(chosen->type(), UGEntityOperationTypeUpdate);
-          EXPECT_EQ(chosen->valueForProperty("from"), Value("server"));
+      if (expected == '-') {
+        EXPECT_FALSE(chosen);
+      } else if (expected == 'm') {
+        ASSERT_TRUE(chosen);
+        EXPECT_EQ(chosen->type(), U);
+      } else {
+        Ref<UGEntityOperation> side = (expected == 's' ? server : client)->operationForUUID("e");
+        ASSERT_TRUE(chosen);
+        EXPECT_NE(chosen, side);  // the merge holds copies
+        EXPECT_EQ(chosen->extendedPropertyListRepresentation(), side->extendedPropertyListRepresentation());
       }
-      EXPECT_EQ(server->extendedPropertyListRepresentation(), serverBefore);
-      EXPECT_EQ(client->extendedPropertyListRepresentation(), clientBefore);
+      EXPECT_EQ(Value::array({server->extendedPropertyListRepresentation(), client->extendedPropertyListRepresentation()}),
+                before);
     }
   }
-
-  // Unknown types: nothing on the client side, nothing on the server side
-  // where the client has an operation, the server's alone otherwise.
-  const auto odd = static_cast<UGEntityOperationType>(7);
-  EXPECT_EQ(merge.mergeServerOperationClientOperation(*with({{"e", op(U)}}), *with({{"e", op(odd)}}))->count(), 0u);
-  EXPECT_EQ(merge.mergeServerOperationClientOperation(*with({}), *with({{"e", op(odd)}}))->count(), 0u);
-  EXPECT_EQ(merge.mergeServerOperationClientOperation(*with({{"e", op(odd)}}), *with({{"e", op(D)}}))->count(), 0u);
-  EXPECT_EQ(merge.mergeServerOperationClientOperation(*with({{"e", op(odd)}}), *with({}))->operationForUUID("e")->type(),
-            odd);
+  auto both = merge.mergeServerOperationClientOperation(*with({{"a", op(U, {{"title", "x"}})}}),
+                                                        *with({{"b", op(C)}, {"a", op(I)}}));
+  EXPECT_EQ(both->allUUIDsArray(), (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(both->operationForUUID("a")->valueForProperty("title"), Value("x"));
   EXPECT_EQ(merge.mergeServerOperationClientOperation(*with({}), *with({}))->count(), 0u);
-}
-
-TEST(OTMerge, SeparateEntitiesAreBothKept) {
-  OTMerge merge;
-  auto result = merge.mergeServerOperationClientOperation(
-      *with({{"a", op(UGEntityOperationTypeUpdate, {{"title", "x"}})}}),
-      *with({{"b", op(UGEntityOperationTypeCreate, {{"title", "y"}})}, {"a", op(UGEntityOperationTypeIdentity)}}));
-  EXPECT_EQ(result->allUUIDsArray(), (std::vector<std::string>{"a", "b"}));
-  EXPECT_EQ(result->operationForUUID("a")->valueForProperty("title"), Value("x"));
-  EXPECT_EQ(result->operationForUUID("b")->type(), UGEntityOperationTypeCreate);
-  EXPECT_TRUE(result->containsMutableOperations());
 }
 
 TEST(OTMerge, UpdatesMergePropertyByPropertyByDate) {
   const Value early = Value::date(1000), late = Value::date(2000);
-  auto merged = [](const OTMerge& merge, std::optional<Value> serverDate, std::optional<Value> clientDate) {
-    auto server = op(UGEntityOperationTypeUpdate, {{"title", "x"}, {"notes", "n"}});
-    auto client = op(UGEntityOperationTypeUpdate, {{"title", "y"}, {"tag", "t"}});
+  auto title = [](const OTMerge& merge, std::optional<Value> serverDate, std::optional<Value> clientDate) {
+    auto server = op(U, {{"title", "x"}, {"notes", "n"}});
+    auto client = op(U, {{"title", "y"}, {"tag", "t"}});
     if (serverDate) server->setValueForProperty(*serverDate, "modified");
     if (clientDate) client->setValueForProperty(*clientDate, "modified");
-    return merge.mergeServerUpdateEntityOperationClientUpdateEntityOperation(server, client);
+    auto merged = merge.mergeServerUpdateEntityOperationClientUpdateEntityOperation(server, client);
+    EXPECT_EQ(merged->valueForProperty("notes"), Value("n"));
+    EXPECT_EQ(merged->valueForProperty("tag"), Value("t"));
+    return std::string(merged->valueForProperty("title")->string());
   };
-  auto title = [](const Ref<UGEntityOperation>& o) { return o->valueForProperty("title")->string(); };
-  OTMerge plain;
   DatedMerge dated;
-  auto undated = merged(plain, late, early);  // the base class reads no dates
-  EXPECT_EQ(title(undated), "x");
-  EXPECT_EQ(undated->valueForProperty("notes"), Value("n"));
-  EXPECT_EQ(undated->valueForProperty("tag"), Value("t"));
-  EXPECT_EQ(title(merged(dated, early, late)), "y");
-  EXPECT_EQ(title(merged(dated, late, early)), "x");
-  EXPECT_EQ(title(merged(dated, early, early)), "x");
-  EXPECT_EQ(title(merged(dated, Value::date(-1e12), std::nullopt)), "x");
-  EXPECT_EQ(title(merged(dated, std::nullopt, early)), "y");
-  EXPECT_EQ(title(merged(dated, Value::null(), early)), "y");
-  EXPECT_EQ(merged(dated, early, late)->valueForProperty("notes"), Value("n"));
-  EXPECT_EQ(merged(dated, early, late)->valueForProperty("modified"), late);
+  EXPECT_EQ(title(OTMerge(), early, late), "x");  // the base class reads no dates
+  EXPECT_EQ(title(dated, early, late), "y");
+  EXPECT_EQ(title(dated, late, early), "x");
+  EXPECT_EQ(title(dated, early, early), "x");
+  EXPECT_EQ(title(dated, Value::date(-1e12), std::nullopt), "x");
+  EXPECT_EQ(title(dated, Value::null(), early), "y");
 
   // An empty side yields the other side's operation object itself.
-  auto server = op(UGEntityOperationTypeUpdate);
-  auto client = op(UGEntityOperationTypeUpdate, {{"title", "y"}});
-  EXPECT_EQ(plain.mergeServerUpdateEntityOperationClientUpdateEntityOperation(server, client), client);
-  EXPECT_EQ(plain.mergeServerUpdateEntityOperationClientUpdateEntityOperation(client, server), client);
-  auto inTransaction = plain.mergeServerOperationClientOperation(*with({{"a", server}}), *with({{"a", client}}));
-  EXPECT_NE(inTransaction->operationForUUID("a"), client);
-  EXPECT_EQ(inTransaction->operationForUUID("a")->valueForProperty("title"), Value("y"));
+  auto empty = op(U), client = op(U, {{"title", "y"}});
+  EXPECT_EQ(dated.mergeServerUpdateEntityOperationClientUpdateEntityOperation(empty, client), client);
+  EXPECT_EQ(dated.mergeServerUpdateEntityOperationClientUpdateEntityOperation(client, empty), client);
 
-  // Relation transforms are taken whole, by the same rule.
-  auto serverMoves = UGMutableListTransform::transform();
-  serverMoves->recordInsertedObjectAtIndex(Value("s"), 0);
-  auto clientMoves = UGMutableListTransform::transform();
-  clientMoves->recordInsertedObjectAtIndex(Value("c"), 0);
-  auto relationOnly = op(UGEntityOperationTypeUpdate);
-  relationOnly->setTransformForRelation(serverMoves, "items");
-  auto clientRelation = op(UGEntityOperationTypeUpdate, {{"modified", late}});
-  clientRelation->setTransformForRelation(clientMoves, "items");
-  auto relationMerge = dated.mergeServerUpdateEntityOperationClientUpdateEntityOperation(relationOnly, clientRelation);
-  EXPECT_NE(relationMerge, clientRelation);  // the server's relation change is not dropped
-  EXPECT_EQ(relationMerge->transformForRelation("items"), clientMoves);  // the server has no date
+  // Relation transforms are taken whole, by the same rule, and a server
+  // update that changes only a relation is not empty.
+  auto serverItems = UGMutableListTransform::transform(), clientItems = UGMutableListTransform::transform();
+  serverItems->recordInsertedObjectAtIndex(Value("s"), 0);
+  clientItems->recordInsertedObjectAtIndex(Value("c"), 0);
+  auto relationOnly = op(U);
+  relationOnly->setTransformForRelation(serverItems, "items");
+  auto clientRelation = op(U, {{"modified", late}});
+  clientRelation->setTransformForRelation(clientItems, "items");
+  EXPECT_EQ(dated.mergeServerUpdateEntityOperationClientUpdateEntityOperation(relationOnly, clientRelation)
+                ->transformForRelation("items"),
+            clientItems);
   relationOnly->setValueForProperty(late, "modified");
   EXPECT_EQ(dated.mergeServerUpdateEntityOperationClientUpdateEntityOperation(relationOnly, clientRelation)
                 ->transformForRelation("items"),
-            serverMoves);
+            serverItems);
 }
 
 TEST(OTMerge, MergeClassMakesTheSubclass) {
-  OTMergeClass none;
-  EXPECT_FALSE(none);
-  OTMergeClass dated = OTMergeClassOf<DatedMerge>();
-  Ref<OTMerge> instance = dated();
-  EXPECT_TRUE(std::dynamic_pointer_cast<DatedMerge>(instance));
-  auto server = with({{"a", op(UGEntityOperationTypeUpdate, {{"t", "s"}, {"modified", Value::date(1)}})}});
-  auto client = with({{"a", op(UGEntityOperationTypeUpdate, {{"t", "c"}, {"modified", Value::date(2)}})}});
-  EXPECT_EQ(dated()->mergeServerOperationClientOperation(*server, *client)->operationForUUID("a")->valueForProperty("t"),
-            Value("c"));
-  EXPECT_EQ(OTMergeClassOf()()->mergeServerOperationClientOperation(*server, *client)->operationForUUID("a")->valueForProperty("t"),
-            Value("s"));
+  EXPECT_FALSE(OTMergeClass());
+  auto server = with({{"a", op(U, {{"t", "s"}, {"modified", Value::date(1)}})}});
+  auto client = with({{"a", op(U, {{"t", "c"}, {"modified", Value::date(2)}})}});
+  auto winner = [&](const OTMergeClass& mergeClass) {
+    return mergeClass()->mergeServerOperationClientOperation(*server, *client)->operationForUUID("a")->valueForProperty("t");
+  };
+  EXPECT_EQ(winner(OTMergeClassOf<DatedMerge>()), Value("c"));
+  EXPECT_EQ(winner(OTMergeClassOf()), Value("s"));
 }
 
 }  // namespace
