@@ -9,6 +9,7 @@
 #include "loomwork/platform/Types.h"
 #include "loomwork/platform/Value.h"
 #include "loomwork/platform/LocalizedStrings.h"
+#include "loomwork/platform/Log.h"
 #include "loomwork/platform/TextServices.h"
 #include "loomwork/platform/UUID.h"
 #include "loomwork/platform/PropertyList.h"

@@ -10,3 +10,5 @@
 #include "loomwork/sync/OTRange.h"
 #include "loomwork/sync/OTState.h"
 #include "loomwork/sync/OTStateSpaceIdentifier.h"
+#include "loomwork/sync/OTSyncController.h"
+#include "loomwork/sync/OTSyncControllerDataSource.h"

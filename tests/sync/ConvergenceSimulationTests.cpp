@@ -1,0 +1,67 @@
+// Seeded runs of a server and a client that edit concurrently over a faulty
+// network and must end with equal models and no edit lost.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "Simulation.h"
+
+namespace loomwork::synctest {
+namespace {
+
+int runsPerConfiguration() {
+  const char* text = std::getenv("LOOMWORK_SIM_RUNS");
+  return text ? std::atoi(text) : 150;
+}
+
+struct Configuration {
+  const char* name;
+  Faults faults;
+};
+
+const Configuration kConfigurations[] = {
+    {"none", {}},
+    {"delays", {.delays = true}},
+    {"drops", {.drops = true}},
+    {"duplicates", {.duplicates = true}},
+    {"crashes", {.crashes = true}},
+    {"offline", {.offline = true}},
+    {"seeds", {.offline = true, .seeds = true}},
+    {"all", {true, true, true, true, true, true}},
+};
+
+class Convergence : public ::testing::TestWithParam<Configuration> {};
+
+TEST_P(Convergence, ModelsEndEqualWithNoEditLost) {
+  const Configuration& configuration = GetParam();
+  const int runs = runsPerConfiguration();
+  size_t largestStore = 0;
+  for (int run = 0; run < runs; ++run) {
+    const uint64_t seed = 1000003ull * static_cast<uint64_t>(run) + std::hash<std::string>()(configuration.name) % 997;
+    Simulation<MemoryStorage> simulation(seed, configuration.faults, 60);
+    const std::string failure = simulation.run();
+    ASSERT_EQ(failure, "") << "faults " << configuration.name << ", seed " << seed;
+    largestStore = std::max({largestStore, simulation.storedComponents(0), simulation.storedComponents(1)});
+  }
+  // After quiet only the seeds and the components that end at the current
+  // state are kept, however long the history was.
+  EXPECT_LE(largestStore, 6u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, Convergence, ::testing::ValuesIn(kConfigurations),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// The stores after quiet do not grow with the length of the history.
+TEST(Convergence, StoreSizeAfterQuietDoesNotGrowWithHistory) {
+  for (uint64_t seed : {7u, 8u, 9u}) {
+    Simulation<MemoryStorage> shortRun(seed, {}, 30), longRun(seed, {}, 300);
+    ASSERT_EQ(shortRun.run(), "") << "seed " << seed;
+    ASSERT_EQ(longRun.run(), "") << "seed " << seed;
+    for (int side : {0, 1})
+      EXPECT_LE(longRun.storedComponents(side), std::max<size_t>(shortRun.storedComponents(side), 4))
+          << "seed " << seed << " side " << side;
+  }
+}
+
+}  // namespace
+}  // namespace loomwork::synctest
