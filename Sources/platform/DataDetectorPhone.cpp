@@ -24,8 +24,13 @@ inline bool isDigit(char c) { return c >= '0' && c <= '9'; }
 // Fewer digits than this make no phone number in any region's plan worth
 // linking; stretches with fewer are not shown to the matcher.
 constexpr int kMinimumDigits = 5;
-// Digits closer than this belong to one stretch.
-constexpr size_t kJoinDistance = 24;
+// Digits with at most this many separators between them belong to one stretch.
+constexpr size_t kJoinDistance = 4;
+
+// What phone numbers are written with between their digits.
+inline bool isPhonePunctuation(char c) {
+  return c == ' ' || c == '-' || c == '.' || c == '(' || c == ')' || c == '/' || c == '+';
+}
 // Context on each side of a stretch, so the matcher sees what precedes and
 // follows a number (a letter glued to it, a "+" or an opening bracket).
 constexpr size_t kContext = 16;
@@ -82,18 +87,25 @@ std::vector<DataDetectorMatch> DataDetector::findPhoneNumbers(std::string_view u
   while (i < n) {
     while (i < n && !isDigit(utf8[i])) ++i;
     if (i >= n) break;
+    // A stretch: digits joined by at most kJoinDistance characters of the
+    // kinds phone numbers are written with.
     const size_t first = i;
     size_t last = i;
     int digits = 0;
     while (i < n && i - last <= kJoinDistance) {
-      if (isDigit(utf8[i])) {
+      const char c = utf8[i];
+      if (isDigit(c)) {
         last = i;
         ++digits;
+      } else if (!isPhonePunctuation(c)) {
+        break;
       }
       ++i;
     }
     i = last + 1;
-    if (digits < kMinimumDigits) continue;
+    if (digits < kMinimumDigits || looksLikeDate(utf8.substr(first, last + 1 - first)) ||
+        gluedToNumber(utf8, first, last + 1))
+      continue;
     // A long stretch (a wall of digits) goes to the matcher in overlapping
     // pieces, which keeps its work per byte bounded.
     for (size_t piece = first; piece <= last; piece += kPiece) {
@@ -105,6 +117,8 @@ std::vector<DataDetectorMatch> DataDetector::findPhoneNumbers(std::string_view u
       while (matcher.HasNext() && matcher.Next(&found)) {
         const size_t start = begin + static_cast<size_t>(found.start());
         const size_t stop = start + static_cast<size_t>(found.length());
+        // Context may hold the cut-off start of the next stretch: only numbers on this one count.
+        if (stop <= first || start > last) continue;
         if (!matches.empty() && start < static_cast<size_t>(matches.back().byteRange.end())) continue;
         if (looksLikeDate(found.raw_string()) || gluedToNumber(utf8, start, stop)) continue;
         DataDetectorMatch match;
