@@ -1,0 +1,249 @@
+// The SQLite storage: the same answers as the in-memory storage on random
+// histories, durability across a killed process, and bad bytes on disk or
+// from the other device.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+#include "../MemoryStorage.h"
+#include "../Simulation.h"
+#include "loomwork/platform/Log.h"
+#include "loomwork/sqlite.h"
+
+namespace loomwork::synctest {
+namespace {
+
+const auto kIdentifier = OTStateSpaceIdentifier::stateSpaceIdentifierWithFullIdentifier("SERVER-CLIENT");
+
+// The host calls are not used by these tests.
+template <class Storage>
+class Bare : public Storage {
+ public:
+  using Storage::Storage;
+  Ref<UGTransaction> seedForOTSyncController(OTSyncController&) override { return nullptr; }
+  bool OTSyncControllerCanIntegrateOperations(OTSyncController&) override { return false; }
+  Ref<OTPathComponent> availableSeedForSyncController(OTSyncController&) override { return nullptr; }
+  void OTSyncControllerIntegrateReplacementSeed(OTSyncController&, const Ref<UGMutableTransaction>&) override {}
+  void OTSyncControllerIntegrateAndConsumeOperation(OTSyncController&, const Ref<UGMutableTransaction>&) override {}
+  void OTSyncControllerPerformIntegrationBlock(OTSyncController&, std::function<void()> block) override { block(); }
+};
+
+std::filesystem::path temporaryFile(const std::string& name) {
+  auto path = std::filesystem::temp_directory_path() / ("loomwork-" + std::to_string(::getpid()) + "-" + name);
+  for (const char* suffix : {"", "-wal", "-shm"}) std::filesystem::remove(path.string() + suffix);
+  return path;
+}
+
+Ref<OTPathComponent> component(OTState from, OTState to, int marker) {
+  auto operation = make<UGMutableEntityOperation>(UGEntityOperationTypeUpdate, "Task");
+  operation->setValueForProperty(Value(marker), "v");
+  operation->setValueForProperty(Value::set({Value::null(), Value("s")}), "w");
+  return make<OTPathComponent>(kIdentifier, UGMutableTransaction::transactionWithOperationForUUID(operation, "U"), from,
+                               to);
+}
+
+std::vector<std::string> identifiers(const std::vector<Ref<OTPathComponent>>& components) {
+  std::vector<std::string> text;
+  for (const auto& c : components) text.push_back(c->uniqueIdentifier() + " " + c->operation()->description());
+  return text;
+}
+
+Ref<OTRange> randomRange(std::mt19937_64& rng, int depth = 0) {
+  auto uniform = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+  if (depth < 2 && uniform(0, 2) == 0) {
+    std::vector<Ref<OTRange>> members;
+    for (int n = uniform(0, 3); n > 0; --n) members.push_back(randomRange(rng, depth + 1));
+    return uniform(0, 1) ? Ref<OTRange>(OTRange::rangeFromUnionOfRanges(members))
+                         : Ref<OTRange>(OTRange::rangeFromIntersectionOfRanges(members));
+  }
+  auto bound = [&](bool low) -> int64_t {
+    if (uniform(0, 4) == 0) return low ? std::numeric_limits<int64_t>::min() : std::numeric_limits<int64_t>::max();
+    return uniform(0, 6);
+  };
+  return OTRange::rangeFromClientIndexToClientIndexFromServerIndexToServerIndex(bound(true), bound(false), bound(true),
+                                                                                bound(false));
+}
+
+TEST(SQLiteStore, AnswersAsTheMemoryStorageOnRandomHistories) {
+  const uint64_t seed = 4242;
+  std::mt19937_64 rng(seed);
+  auto uniform = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+  for (int run = 0; run < 40; ++run) {
+    auto sqlite = std::make_shared<Bare<OTSQLiteDataSource>>(":memory:");
+    auto memory = std::make_shared<Bare<MemoryStorage>>();
+    OTSyncController controller(OTSyncControllerTypeServer);
+    for (OTSyncControllerDataSource* source : {static_cast<OTSyncControllerDataSource*>(sqlite.get()),
+                                               static_cast<OTSyncControllerDataSource*>(memory.get())})
+      source->OTSyncControllerSetValueForKey(controller, Value("SERVER-CLIENT"), kOTSyncControllerStateSpaceIdentifier);
+    for (int step = 0; step < 60; ++step) {
+      const std::string where = "seed " + std::to_string(seed) + " run " + std::to_string(run) + " step " +
+                                std::to_string(step);
+      const OTState from(uniform(0, 5), uniform(0, 5));
+      const OTState to(from.serverIndex() + uniform(0, 1), from.clientIndex() + uniform(0, 1));
+      switch (uniform(0, 5)) {
+        case 0:
+        case 1: {
+          const bool enqueue = uniform(0, 1);
+          sqlite->OTSyncControllerRecordPathComponentEnqueueForTransfer(controller, component(from, to, step), enqueue);
+          memory->OTSyncControllerRecordPathComponentEnqueueForTransfer(controller, component(from, to, step), enqueue);
+          break;
+        }
+        case 2: {
+          auto bytes = *component(from, to, step)->data();
+          ASSERT_EQ(sqlite->receivePathComponentData(bytes), memory->receivePathComponentData(bytes)) << where;
+          break;
+        }
+        case 3: {
+          auto range = randomRange(rng);
+          sqlite->OTSyncControllerRemovePathComponentsNotInRange(controller, *range);
+          memory->OTSyncControllerRemovePathComponentsNotInRange(controller, *range);
+          break;
+        }
+        case 4: {
+          auto pending = sqlite->pendingTransfers();
+          auto expected = memory->pendingTransfers();
+          ASSERT_EQ(pending.size(), expected.size()) << where;
+          for (size_t i = 0; i < pending.size(); ++i) ASSERT_EQ(pending[i].uniqueIdentifier, expected[i].uniqueIdentifier);
+          if (!pending.empty()) {
+            const auto& uid = pending[static_cast<size_t>(uniform(0, static_cast<int>(pending.size()) - 1))].uniqueIdentifier;
+            sqlite->acknowledgeTransfer(uid);
+            memory->acknowledgeTransfer(uid);
+          }
+          break;
+        }
+        default:
+          break;
+      }
+      auto range = randomRange(rng);
+      ASSERT_EQ(identifiers(sqlite->OTSyncControllerPathComponentsInRange(controller, *range)),
+                identifiers(memory->OTSyncControllerPathComponentsInRange(controller, *range)))
+          << where << " " << range->description();
+      ASSERT_EQ(sqlite->stateWithLargestClientIndexPointedToByPathComponentWithLargestServerIndexForOTSyncController(controller),
+                memory->stateWithLargestClientIndexPointedToByPathComponentWithLargestServerIndexForOTSyncController(controller))
+          << where;
+      ASSERT_EQ(sqlite->stateWithLargestClientIndexBeingOriginOfPathComponentWithSmallestServerIndexForOTSyncController(controller),
+                memory->stateWithLargestClientIndexBeingOriginOfPathComponentWithSmallestServerIndexForOTSyncController(controller))
+          << where;
+      ASSERT_EQ(sqlite->pathComponentCount(), memory->pathComponentCount()) << where;
+    }
+  }
+}
+
+TEST(SQLiteStore, KeepsValuesAndRefusesForeignComponents) {
+  auto store = std::make_shared<Bare<OTSQLiteDataSource>>(":memory:");
+  OTSyncController controller(OTSyncControllerTypeClient);
+  const Value nested = Value::dictionary({{"s", Value(2)}, {"n", Value::null()}, {"set", Value::set({Value(1)})}});
+  store->OTSyncControllerSetValueForKey(controller, nested, "k");
+  EXPECT_EQ(store->OTSyncControllerValueForKey(controller, "k"), nested);
+  store->OTSyncControllerSetValueForKey(controller, std::nullopt, "k");
+  EXPECT_FALSE(store->OTSyncControllerValueForKey(controller, "k"));
+
+  // Nothing is received before the pairing is known, nor from another one.
+  const Data bytes = *component({0, 0}, {0, 1}, 1)->data();
+  EXPECT_FALSE(store->receivePathComponentData(bytes));
+  store->OTSyncControllerSetValueForKey(controller, Value("SERVER-CLIENT"), kOTSyncControllerStateSpaceIdentifier);
+  EXPECT_TRUE(store->receivePathComponentData(bytes));
+  auto foreign = component({0, 1}, {0, 2}, 2);
+  foreign->setStateSpaceIdentifier(OTStateSpaceIdentifier::stateSpaceIdentifierWithFullIdentifier("X-Y"));
+  EXPECT_FALSE(store->receivePathComponentData(*foreign->data()));
+  EXPECT_FALSE(store->receivePathComponentData(*component({0, 2}, {0, 1}, 3)->data()));
+  EXPECT_FALSE(store->receivePathComponentData(*component({0, 2}, {0, 2}, 3)->data()));
+  Data truncated(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(bytes.size() / 2));
+  EXPECT_FALSE(store->receivePathComponentData(truncated));
+  EXPECT_FALSE(store->receivePathComponentData({}));
+  EXPECT_EQ(store->pathComponentCount(), 1u);
+
+  // Host values survive the removal of the controller's metadata.
+  store->setHostValueForKey(Value("a"), "e/1");
+  store->setHostValueForKey(Value("b"), "e/2");
+  store->setHostValueForKey(Value("c"), "f/1");
+  store->setClaimedRemoteState(OTState(3, 4));
+  EXPECT_EQ(store->claimedRemoteStateForSyncController(controller), OTState(3, 4));
+  store->removeAllMetadataForOTSyncController(controller);
+  EXPECT_EQ(store->pathComponentCount(), 0u);
+  EXPECT_FALSE(store->claimedRemoteStateForSyncController(controller));
+  EXPECT_EQ(store->hostValuesWithPrefix("e/").size(), 2u);
+  EXPECT_THROW(store->setHostValueForKey(Value(make<Object>()), "o"), OTSQLiteError);
+}
+
+TEST(SQLiteStore, UnreadableStoredComponentIsSkippedWithALogLine) {
+  const auto path = temporaryFile("corrupt.sqlite");
+  OTSyncController controller(OTSyncControllerTypeClient);
+  {
+    auto store = std::make_shared<Bare<OTSQLiteDataSource>>(path.string());
+    store->OTSyncControllerRecordPathComponentEnqueueForTransfer(controller, component({0, 0}, {0, 1}, 1), false);
+    store->OTSyncControllerRecordPathComponentEnqueueForTransfer(controller, component({0, 1}, {0, 2}, 2), false);
+  }
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db, "UPDATE components SET data = x'62706c6973743030ff' WHERE from_c = 0", nullptr, nullptr,
+                         nullptr),
+            SQLITE_OK);
+  sqlite3_close(db);
+  std::vector<std::string> lines;
+  LogSink previous = setLogSink([&](std::string_view line) { lines.emplace_back(line); });
+  auto store = std::make_shared<Bare<OTSQLiteDataSource>>(path.string());
+  auto found = store->OTSyncControllerPathComponentsInRange(controller, *OTRange::infiniteRange());
+  setLogSink(previous);
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_EQ(found[0]->pathDescription(), "(0,1)->(0,2)");
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_NE(lines[0].find("SERVER-CLIENT-(0,0)->(0,1)"), std::string::npos);
+
+  // A file that is not a database is refused with an exception.
+  const auto garbage = temporaryFile("garbage.sqlite");
+  std::ofstream(garbage) << std::string(4096, 'x');
+  EXPECT_THROW(Bare<OTSQLiteDataSource> refused(garbage.string()), OTSQLiteError);
+}
+
+// A controller transaction is all or nothing across a process that is killed.
+TEST(SQLiteStore, CommittedTransactionsSurviveAKilledProcess) {
+  const auto path = temporaryFile("killed.sqlite");
+  const pid_t child = fork();
+  ASSERT_NE(child, -1);
+  if (child == 0) {
+    auto store = std::make_shared<Bare<OTSQLiteDataSource>>(path.string());
+    auto controller = make<OTSyncController>(OTSyncControllerTypeClient);
+    controller->setDataSource(store);
+    controller->restoreInternalState();
+    controller->resetIfNeededAndSeedUsingStateSpaceIdentifier(kIdentifier);
+    controller->performTransaction([&] {
+      store->setHostValueForKey(Value("kept"), "e/1");
+      controller->stageLocalOperation(*component({0, 0}, {0, 1}, 1)->operation());
+    });
+    controller->beginTransaction();
+    store->setHostValueForKey(Value("lost"), "e/2");
+    controller->stageLocalOperation(*component({0, 1}, {0, 2}, 2)->operation());
+    ::kill(::getpid(), SIGKILL);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFSIGNALED(status));
+  auto store = std::make_shared<Bare<OTSQLiteDataSource>>(path.string());
+  auto controller = make<OTSyncController>(OTSyncControllerTypeClient);
+  controller->setDataSource(store);
+  controller->restoreInternalState();
+  EXPECT_EQ(controller->currentState(), OTState(0, 1));
+  EXPECT_EQ(store->hostValueForKey("e/1"), Value("kept"));
+  EXPECT_FALSE(store->hostValueForKey("e/2"));
+  EXPECT_EQ(store->pathComponentCount(), 1u);
+  EXPECT_EQ(store->pendingTransfers().size(), 1u);
+}
+
+TEST(SQLiteStore, SimulationConvergesOnDatabaseFiles) {
+  const Faults all{true, true, true, true, true, true};
+  for (uint64_t seed = 1; seed <= 40; ++seed) {
+    Simulation<OTSQLiteDataSource> simulation(seed, seed % 2 ? all : Faults{.crashes = true}, 60);
+    ASSERT_EQ(simulation.run(), "") << "seed " << seed;
+    EXPECT_LE(std::max(simulation.storedComponents(0), simulation.storedComponents(1)), 6u) << "seed " << seed;
+  }
+}
+
+}  // namespace
+}  // namespace loomwork::synctest
