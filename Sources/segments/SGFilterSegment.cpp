@@ -101,8 +101,12 @@ void SGFilterSegment::appendRepresentedObjectsToArray(Array& array) const {
   if (itemCount() == 0 || !innerSegment_) return;
   Array scratch;
   innerSegment_->appendRepresentedObjectsToArray(scratch);
+  // Inside a pass, before the exit hook has followed the inner change, the
+  // mapping may name inner items that are gone; those positions give the
+  // null value, so that the count stays itemCount().
   for (int64_t index : mapping_->vector()) {
-    if (index >= 0 && static_cast<size_t>(index) < scratch.size()) array.push_back(scratch[static_cast<size_t>(index)]);
+    array.push_back(index >= 0 && static_cast<size_t>(index) < scratch.size() ? scratch[static_cast<size_t>(index)]
+                                                                              : Value::null());
   }
 }
 
@@ -130,11 +134,10 @@ void SGFilterSegment::willExitNodeWithNotification(NPWNotification& notification
   Ref<UGListTransform> innerTransform =
       inner ? transformForRelationOfSegmentInNotification(SGSegmentItemsRelation, *inner, notification) : nullptr;
   if (innerTransform && !innerTransform->isIdentity()) {
+    // A copy: the test may replace the filter's block while it runs.
+    const FilterBlock test = filterBlock_;
     sgdetail::KeepBlock keep;
-    if (filterBlock_) {
-      FilterBlock test = filterBlock_;
-      keep = [&test, &inner](int64_t index) { return test(*inner, index); };
-    }
+    if (test) keep = [&test, &inner](int64_t index) { return test(*inner, index); };
     auto represented = [&inner](int64_t index) { return inner->representedObjectAtIndex(index); };
     std::vector<int64_t> mapping = mapping_->vector();
     auto transform = sgdetail::filterFollowInnerTransform(mapping, *innerTransform, keep, represented);

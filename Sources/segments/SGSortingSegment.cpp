@@ -135,21 +135,15 @@ void SGSortingSegment::appendRepresentedObjectsToArray(Array& array) const {
   if (!innerSegment_) return;
   Array scratch;
   innerSegment_->appendRepresentedObjectsToArray(scratch);
-  if (!positionsValid_) buildPositions();
-  const bool permutation = positionsDense_ && positions_.size() == scratch.size() && mapping_.size() == scratch.size() &&
-                           std::find(positions_.begin(), positions_.end(), NotFound) == positions_.end();
-  if (permutation) {
-    array.reserve(array.size() + scratch.size());
-    for (int64_t index : mapping_) array.push_back(scratch[static_cast<size_t>(index)]);
-    return;
+  // Between passes the mapping is a permutation of the inner items and this
+  // is the documented reordering. Inside a pass, before the exit hook has
+  // followed the inner change, it may name inner items that are gone; those
+  // positions give the null value, so that the count stays itemCount().
+  array.reserve(array.size() + mapping_.size());
+  for (int64_t index : mapping_) {
+    array.push_back(index >= 0 && static_cast<size_t>(index) < scratch.size() ? scratch[static_cast<size_t>(index)]
+                                                                              : Value::null());
   }
-  // Not a permutation of the inner items: the documented moves, applied.
-  auto moves = UGMutableListTransform::transform();
-  for (size_t position = 0; position < mapping_.size(); ++position) {
-    moves->recordMovedObjectFromIndexToIndex(std::nullopt, mapping_[position], static_cast<int64_t>(position));
-  }
-  applyTransformIgnoringObjectsInTransform(scratch, *moves, true);
-  array.insert(array.end(), scratch.begin(), scratch.end());
 }
 
 void SGSortingSegment::depthFirstSearchStop(const DepthFirstSearchBlock& block, bool& stop) {
