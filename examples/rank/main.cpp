@@ -1,13 +1,16 @@
-// loomwork-rank: reads candidate lines from standard input or a file, scores
-// each against a query as an abbreviation (scoreWithSearchString), and prints
-// the best ones, best first, with their scores: a fuzzy finder's filter mode.
+// loomwork-rank: a fuzzy finder's filter mode. Reads lines (file paths or
+// titles) from standard input or a file, scores each against a query with the
+// library's abbreviation score, applied to a path's file name and directory
+// names (see PathScorer.h), and prints the matching lines, best first.
 //
-//   loomwork-rank [-n N] [-f FILE] [-l] [-j THREADS] QUERY
+//   find / | loomwork-rank pipinit
+//   loomwork-rank -n 10 -f titles.txt meeting notes
 //
-// Lines that do not match (score 0), blank lines included, are left out. Equal
-// scores keep the input order. Input is UTF-8 (ill-formed bytes are scored as
-// U+FFFD and printed as they came); a trailing carriage return is not part of
-// a line.
+// Several words form one query; every word must match. An empty query prints
+// every line. Equal scores put the shorter line first, then the earlier one.
+// Input is UTF-8 (ill-formed bytes are scored as U+FFFD and printed as they
+// came); a trailing carriage return is not part of a line. Exit status: 0 when
+// a line matched, 1 when none did, 2 for a usage or input error.
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -17,6 +20,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,74 +29,123 @@
 #include <thread>
 #include <vector>
 
-#include "loomwork/additions.h"
+#include "PathScorer.h"
+
+#ifndef LOOMWORK_VERSION
+#define LOOMWORK_VERSION "unknown"
+#endif
 
 namespace {
 
-constexpr const char* kUsage =
-    "usage: loomwork-rank [-n N] [-f FILE] [-l] [-j THREADS] QUERY\n"
-    "  -n N        print at most the N best lines (default: every matching line)\n"
-    "  -f FILE     read candidates from FILE instead of standard input\n"
-    "  -l          print the lines only, without their scores\n"
-    "  -j THREADS  score with this many threads (default: one per processor)\n";
+constexpr const char* kHelp =
+    "usage: loomwork-rank [OPTION]... [QUERY]...\n"
+    "Prints the lines of standard input that match QUERY, best first, as a fuzzy\n"
+    "finder's filter mode does. A line is a file path or a title; the letters of\n"
+    "each query word are looked for in the file name first and in the directory\n"
+    "names above it. Several words form one query and every word must match; an\n"
+    "empty query prints every line. Case and accents are ignored.\n"
+    "\n"
+    "  -f, --file=FILE     read the lines from FILE instead of standard input\n"
+    "  -n, --limit=N       print at most the N best lines\n"
+    "  -s, --scores        print each line's score (0 to 1) and a tab before it\n"
+    "  -j, --threads=N     score with N threads (default: one per processor)\n"
+    "  -h, --help          print this help and exit\n"
+    "  -V, --version       print the version and exit\n"
+    "  --                  the arguments after it are query words\n"
+    "\n"
+    "Exit status: 0 when a line matched, 1 when none did, 2 for a usage or input\n"
+    "error.\n";
 
 struct Options {
   size_t limit = SIZE_MAX;
   const char* file = nullptr;
-  bool linesOnly = false;
+  bool scores = false;
   unsigned threads = 0;
   std::string query;
 };
 
-bool parseCount(const char* text, size_t& out) {
-  const char* end = text + std::strlen(text);
-  auto [ptr, ec] = std::from_chars(text, end, out);
-  return ec == std::errc() && ptr == end && ptr != text;
+[[noreturn]] void usageError(const std::string& what) {
+  std::fprintf(stderr, "loomwork-rank: %s\nTry 'loomwork-rank --help' for more information.\n", what.c_str());
+  std::exit(2);
 }
 
-bool parseOptions(int argc, char** argv, Options& options) {
+bool parseCount(std::string_view text, size_t& out) {
+  auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), out);
+  return ec == std::errc() && ptr == text.data() + text.size() && !text.empty();
+}
+
+Options parseOptions(int argc, char** argv) {
+  Options options;
   bool haveQuery = false;
+  auto addWord = [&](std::string_view word) {
+    if (haveQuery) options.query += ' ';
+    options.query += word;
+    haveQuery = true;
+  };
   for (int i = 1; i < argc; ++i) {
-    std::string_view arg = argv[i];
-    // "-n 5" and "-n5" both work.
-    const char* attached = nullptr;
-    if (arg.size() > 2 && arg[0] == '-' && (arg[1] == 'n' || arg[1] == 'f' || arg[1] == 'j')) {
-      attached = argv[i] + 2;
-      arg = arg.substr(0, 2);
+    const std::string_view arg = argv[i];
+    if (arg == "--") {
+      for (++i; i < argc; ++i) addWord(argv[i]);
+      break;
     }
-    auto value = [&]() -> const char* {
+    if (arg.size() < 2 || arg[0] != '-') {
+      addWord(arg);
+      continue;
+    }
+    // The option's name and, for "--name=value" and "-nVALUE", its value.
+    std::string_view name = arg;
+    const char* attached = nullptr;
+    if (arg.substr(0, 2) == "--") {
+      const size_t equals = arg.find('=');
+      if (equals != std::string_view::npos) {
+        name = arg.substr(0, equals);
+        attached = argv[i] + equals + 1;
+      }
+    } else if (arg.size() > 2) {
+      name = arg.substr(0, 2);
+      attached = argv[i] + 2;
+    }
+    auto value = [&]() -> std::string_view {
       if (attached != nullptr) return attached;
-      return i + 1 < argc ? argv[++i] : nullptr;
+      if (i + 1 >= argc) usageError("option '" + std::string(name) + "' needs a value");
+      return argv[++i];
     };
-    if (arg == "-h" || arg == "--help") {
-      std::fputs(kUsage, stdout);
-      std::exit(0);
-    } else if (arg == "-n") {
-      const char* text = value();
-      if (text == nullptr || !parseCount(text, options.limit)) return false;
-    } else if (arg == "-f") {
-      options.file = value();
-      if (options.file == nullptr) return false;
-    } else if (arg == "-l") {
-      options.linesOnly = true;
-    } else if (arg == "-j") {
+    auto noValue = [&] {
+      if (attached != nullptr)
+        usageError("option '" + std::string(name) + "' takes no value, got '" + std::string(arg) + "'");
+    };
+    if (name == "-h" || name == "--help") {
+      noValue();
+      std::fputs(kHelp, stdout);
+      std::exit(std::fflush(stdout) == 0 ? 0 : 2);
+    } else if (name == "-V" || name == "--version") {
+      noValue();
+      std::printf("loomwork-rank %s\n", LOOMWORK_VERSION);
+      std::exit(std::fflush(stdout) == 0 ? 0 : 2);
+    } else if (name == "-n" || name == "--limit") {
+      const std::string_view text = value();
+      if (!parseCount(text, options.limit))
+        usageError("option '" + std::string(name) + "' needs a count of lines (0 or more), not '" + std::string(text) +
+                   "'");
+    } else if (name == "-f" || name == "--file") {
+      const std::string_view text = value();
+      if (text.empty()) usageError("option '" + std::string(name) + "' needs a file name");
+      options.file = text.data();
+    } else if (name == "-s" || name == "--scores") {
+      noValue();
+      options.scores = true;
+    } else if (name == "-j" || name == "--threads") {
+      const std::string_view text = value();
       size_t threads = 0;
-      const char* text = value();
-      if (text == nullptr || !parseCount(text, threads) || threads == 0 || threads > 256) return false;
+      if (!parseCount(text, threads) || threads == 0 || threads > 256)
+        usageError("option '" + std::string(name) + "' needs a number of threads from 1 to 256, not '" +
+                   std::string(text) + "'");
       options.threads = static_cast<unsigned>(threads);
-    } else if (arg == "--" && i + 1 < argc && !haveQuery) {
-      options.query = argv[++i];
-      haveQuery = true;
-    } else if (arg.size() > 1 && arg[0] == '-') {
-      return false;
-    } else if (!haveQuery) {
-      options.query = std::string(arg);
-      haveQuery = true;
     } else {
-      return false;
+      usageError("unknown option '" + std::string(arg) + "'");
     }
   }
-  return haveQuery;
+  return options;
 }
 
 // The whole input: a regular file is mapped, anything else is read.
@@ -143,51 +196,98 @@ class Input {
   std::string buffer_;
 };
 
-// A matching line, by its place in the input (which also orders equal scores).
+// A matching line, by its place in the input.
 struct Candidate {
   float score;
-  uint32_t length;
+  size_t length;
   size_t offset;
 };
 
-// Scores the lines that start in text[begin, end) (begin is a line start).
-void scoreLines(std::string_view text, size_t begin, size_t end, const std::string& query,
-                std::vector<Candidate>& found) {
-  loomwork::AbbreviationScorer scorer(query);
+// Calls visit(line, offset) for every line that starts in text[begin, end)
+// (begin is a line start); the carriage return before a newline is left out.
+template <class Visit>
+void forEachLine(std::string_view text, size_t begin, size_t end, Visit&& visit) {
   while (begin < end) {
     const void* newline = std::memchr(text.data() + begin, '\n', text.size() - begin);
     const size_t stop = newline ? static_cast<size_t>(static_cast<const char*>(newline) - text.data()) : text.size();
     std::string_view line = text.substr(begin, stop - begin);
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    const float score = scorer.score(line);
-    // A line longer than 4 GiB keeps its score but is cut when printed.
-    if (score > 0) found.push_back({score, static_cast<uint32_t>(std::min<size_t>(line.size(), UINT32_MAX)), begin});
+    visit(line, begin);
     begin = stop + 1;
   }
 }
 
+void scoreLines(std::string_view text, size_t begin, size_t end, const std::vector<std::string>& words,
+                std::vector<Candidate>& found) {
+  rank::PathScorer scorer(words);
+  forEachLine(text, begin, end, [&](std::string_view line, size_t offset) {
+    const float score = scorer.score(line);
+    if (score > 0) found.push_back({score, line.size(), offset});
+  });
+}
+
+// Buffered standard output.
+class Output {
+ public:
+  Output() { buffer_.reserve(kFlushAt + 64); }
+  void line(std::string_view text, const float* score) {
+    if (score != nullptr) {
+      char number[32];
+      auto result = std::to_chars(number, number + sizeof number, *score, std::chars_format::fixed, 6);
+      buffer_.append(number, result.ptr);
+      buffer_ += '\t';
+    }
+    buffer_.append(text);
+    buffer_ += '\n';
+    if (buffer_.size() >= kFlushAt) flush();
+  }
+  void flush() {
+    if (std::fwrite(buffer_.data(), 1, buffer_.size(), stdout) != buffer_.size()) failed_ = true;
+    buffer_.clear();
+  }
+  bool finish() {
+    flush();
+    return std::fflush(stdout) == 0 && !failed_;
+  }
+
+ private:
+  static constexpr size_t kFlushAt = size_t{1} << 18;
+  std::string buffer_;
+  bool failed_ = false;
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  Options options;
-  if (!parseOptions(argc, argv, options)) {
-    std::fputs(kUsage, stderr);
-    return 2;
-  }
+  const Options options = parseOptions(argc, argv);
 
   Input input;
   const int fd = options.file != nullptr ? open(options.file, O_RDONLY) : STDIN_FILENO;
   if (fd < 0) {
     std::fprintf(stderr, "loomwork-rank: cannot open %s: %s\n", options.file, std::strerror(errno));
-    return 1;
+    return 2;
   }
   const bool loaded = input.load(fd);
+  const int readError = errno;
   if (fd != STDIN_FILENO) close(fd);
   if (!loaded) {
-    std::fprintf(stderr, "loomwork-rank: read error: %s\n", std::strerror(errno));
-    return 1;
+    std::fprintf(stderr, "loomwork-rank: cannot read %s: %s\n",
+                 options.file != nullptr ? options.file : "standard input", std::strerror(readError));
+    return 2;
   }
   const std::string_view text = input.text();
+  const std::vector<std::string> words = rank::queryWords(options.query);
+  Output out;
+  const float zero = 0.0f;
+
+  if (words.empty()) {
+    size_t printed = 0;
+    forEachLine(text, 0, text.size(), [&](std::string_view line, size_t) {
+      if (printed++ < options.limit) out.line(line, options.scores ? &zero : nullptr);
+    });
+    if (!out.finish()) return 2;
+    return printed > 0 ? 0 : 1;
+  }
 
   // Lines are independent: each thread takes a slice of the input that starts
   // and ends at line boundaries and keeps its matches apart.
@@ -203,17 +303,17 @@ int main(int argc, char** argv) {
   std::vector<std::vector<Candidate>> found(threads);
   std::vector<std::thread> workers;
   for (unsigned slice = 1; slice < threads; ++slice) {
-    workers.emplace_back(scoreLines, text, bounds[slice], bounds[slice + 1], std::cref(options.query),
-                         std::ref(found[slice]));
+    workers.emplace_back(scoreLines, text, bounds[slice], bounds[slice + 1], std::cref(words), std::ref(found[slice]));
   }
-  scoreLines(text, bounds[0], bounds[1], options.query, found[0]);
+  scoreLines(text, bounds[0], bounds[1], words, found[0]);
   for (auto& worker : workers) worker.join();
 
   std::vector<Candidate>& matches = found[0];
   for (unsigned slice = 1; slice < threads; ++slice)
     matches.insert(matches.end(), found[slice].begin(), found[slice].end());
   auto better = [](const Candidate& a, const Candidate& b) {
-    return a.score != b.score ? a.score > b.score : a.offset < b.offset;
+    if (a.score != b.score) return a.score > b.score;
+    return a.length != b.length ? a.length < b.length : a.offset < b.offset;
   };
   const size_t shown = std::min(options.limit, matches.size());
   if (shown < matches.size() / 2) {
@@ -221,24 +321,9 @@ int main(int argc, char** argv) {
   } else {
     std::sort(matches.begin(), matches.end(), better);
   }
-
-  constexpr size_t kFlushAt = size_t{1} << 18;
-  std::string out;
-  out.reserve(kFlushAt + 64);
-  char number[32];
   for (size_t i = 0; i < shown; ++i) {
-    if (!options.linesOnly) {
-      auto result = std::to_chars(number, number + sizeof number, matches[i].score, std::chars_format::fixed, 6);
-      out.append(number, result.ptr);
-      out += '\t';
-    }
-    out.append(text.data() + matches[i].offset, matches[i].length);
-    out += '\n';
-    if (out.size() >= kFlushAt) {
-      std::fwrite(out.data(), 1, out.size(), stdout);
-      out.clear();
-    }
+    out.line(text.substr(matches[i].offset, matches[i].length), options.scores ? &matches[i].score : nullptr);
   }
-  std::fwrite(out.data(), 1, out.size(), stdout);
-  return std::fflush(stdout) == 0 ? 0 : 1;
+  if (!out.finish()) return 2;
+  return matches.empty() ? 1 : 0;
 }
