@@ -141,4 +141,32 @@ inline std::string idsOf(const Array& rows) {
   return text;
 }
 
+// A transform's changes in grouped order: "-2" a deletion from 2, "1>3" a
+// move, "+0" an insertion at 0; "" for none.
+inline std::string changesOf(const UGListTransform* transform) {
+  if (transform == nullptr) return "absent";
+  std::string text;
+  auto add = [&](const std::string& change) { text += (text.empty() ? "" : " ") + change; };
+  transform->enumerateTransformAsGroupedDeletionsMovesInsertions(
+      [&](int64_t index, const std::optional<Value>&) { add("-" + std::to_string(index)); },
+      [&](int64_t from, int64_t to, const std::optional<Value>&) {
+        add(std::to_string(from) + ">" + std::to_string(to));
+      },
+      [&](int64_t index, const std::optional<Value>&) { add("+" + std::to_string(index)); });
+  return text;
+}
+
+// The "items" (or other) transform the notification holds for the segment.
+inline std::string publishedBy(NPWNotification& notification, const SGSegment& segment,
+                               std::string_view relation = "items") {
+  return changesOf(SGSegment::transformForRelationOfSegmentInNotification(relation, segment, notification).get());
+}
+
+// A root that keeps the notification of its last pass.
+inline Ref<DriverGroup> recordingRoot(Ref<NPWNotification>& last) {
+  auto root = make<DriverGroup>(std::string("root"));
+  root->onExit = [&last](NPWNotification& notification) { last = notification.ref<NPWNotification>(); };
+  return root;
+}
+
 }  // namespace loomwork::testing
