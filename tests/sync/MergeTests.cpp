@@ -122,5 +122,26 @@ TEST(OTMerge, MergeClassMakesTheSubclass) {
   EXPECT_EQ(winner(OTMergeClassOf()), Value("s"));
 }
 
+// Kept behaviour that breaks convergence: a client operation of a type outside
+// 1 to 4 (say from a newer peer) makes the merge put nothing in for its
+// entity, so the remainders of both lines are empty and the server's update
+// of that entity never reaches the client.
+TEST(OTMerge, UnknownClientTypeKeepsTheServersUpdateFromTheClient) {
+  auto space = make<OTStateSpaceIdentifier>("S-C");
+  auto serverLine = make<OTPathComponent>(space, with({{"x", op(U, {{"title", "a"}})}}), OTState(0, 0), OTState(1, 0));
+  auto clientLine = make<OTPathComponent>(space, with({{"x", op(static_cast<UGEntityOperationType>(7))}}),
+                                          OTState(0, 0), OTState(0, 1));
+  auto merged = make<OTPathComponent>(
+      space, OTMerge().mergeServerOperationClientOperation(*serverLine->operation(), *clientLine->operation()),
+      OTState(0, 0), OTState(1, 1));
+  auto forServer = merged->copy(), forClient = merged->copy();
+  forServer->reduceByPathComponent(*serverLine);
+  forClient->reduceByPathComponent(*clientLine);
+  EXPECT_EQ(forServer->pathDescription(), "(1,0)->(1,1)");
+  EXPECT_EQ(forClient->pathDescription(), "(0,1)->(1,1)");
+  EXPECT_EQ(forServer->operation()->count(), 0u);
+  EXPECT_EQ(forClient->operation()->count(), 0u);  // the client at (1,1) never has title "a"
+}
+
 }  // namespace
 }  // namespace loomwork
