@@ -368,8 +368,15 @@ int64_t daysInYears(int64_t first, int64_t count) {
 }
 
 constexpr int64_t kDaysIn400Years = 146097;
-// Years whose day counts from 1970 fit comfortably in 64 bits.
+// Years (and day offsets) whose day counts from 1970 fit comfortably in 64 bits.
 constexpr int64_t kPlainYearLimit = int64_t{1} << 40;
+
+bool isPlainMonth(const TWDatePickerDate& d) {
+  return d.month >= 1 && d.month <= 12 && d.year > -kPlainYearLimit && d.year < kPlainYearLimit;
+}
+
+// Days from 1970-01-01 to the first of the record's month.
+int64_t firstOfMonth(const TWDatePickerDate& d) { return daysFromCivil(d.year, static_cast<unsigned>(d.month), 1); }
 
 }  // namespace
 
@@ -382,35 +389,14 @@ Ref<TWDayDate> TWDatePickerDateToTWDayDate(TWDatePickerDate date) {
   return TWDayDate::dayDateWithYearMonthDay(date.year, date.month, date.day);
 }
 
-bool TWDatePickerDateIsLeapYear(TWDatePickerDate date) { return isLeapYear(date.year); }
-
-int64_t TWDatePickerDateGetNumberOfDaysInMonth(TWDatePickerDate date) { return daysInMonth(date.month, date.year); }
-
-int64_t TWDatePickerDateGetNumberOfDaysInYear(TWDatePickerDate date) { return daysInYear(date.year); }
-
-ComparisonResult TWDatePickerDateCompareToDate(TWDatePickerDate a, TWDatePickerDate b) {
-  if (a.year != b.year) return TWComparisonResultForIntegers(a.year, b.year);
-  if (a.month != b.month) return TWComparisonResultForIntegers(a.month, b.month);
-  return TWComparisonResultForIntegers(a.day, b.day);
-}
-
-bool TWDatePickerDateIsEqualToDate(TWDatePickerDate a, TWDatePickerDate b) {
-  return a.year == b.year && a.month == b.month && a.day == b.day;
-}
-
 int64_t TWDatePickerDateGetDifferenceToDate(TWDatePickerDate a, TWDatePickerDate b) {
+  // With both months in range the walk sums exactly the days between the
+  // first days of the two months, whichever comes first.
+  if (isPlainMonth(a) && isPlainMonth(b)) return sub(add(firstOfMonth(b), b.day), add(firstOfMonth(a), a.day));
   const bool ordered = TWDatePickerDateCompareToDate(a, b) != OrderedDescending;
   const int64_t sign = ordered ? 1 : -1;
   const TWDatePickerDate& from = ordered ? a : b;
   const TWDatePickerDate& to = ordered ? b : a;
-  // With both months in range the walk sums exactly the days between the first
-  // days of the two months.
-  if (from.month >= 1 && from.month <= 12 && to.month >= 1 && to.month <= 12 && from.year > -kPlainYearLimit &&
-      from.year < kPlainYearLimit && to.year > -kPlainYearLimit && to.year < kPlainYearLimit) {
-    const int64_t span = daysFromCivil(to.year, static_cast<unsigned>(to.month), 1) -
-                         daysFromCivil(from.year, static_cast<unsigned>(from.month), 1);
-    return mul(add(span, sub(to.day, from.day)), sign);
-  }
   int64_t months = add(sub(to.month, from.month), mul(12, sub(to.year, from.year)));
   int64_t days = sub(to.day, from.day);
   int64_t year = from.year;
@@ -435,6 +421,16 @@ int64_t TWDatePickerDateGetDifferenceToDate(TWDatePickerDate a, TWDatePickerDate
 }
 
 TWDatePickerDate TWDatePickerDateValidate(TWDatePickerDate date) {
+  // With the caller's month in range every year step uses the length of the
+  // year whose February it crosses, so the walk lands on the plain day count.
+  if (isPlainMonth(date) && date.day > -kPlainYearLimit && date.day < kPlainYearLimit) {
+    TWDatePickerDate result{};
+    unsigned month = 0, day = 0;
+    civilFromDays(firstOfMonth(date) + date.day - 1, result.year, month, day);
+    result.month = month;
+    result.day = day;
+    return result;
+  }
   const int64_t callersMonth = date.month;
   int64_t year = date.year;
   int64_t day = date.day;

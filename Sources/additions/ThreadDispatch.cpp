@@ -52,7 +52,9 @@ void tw_executeBlock(const DispatchBlock& task) {
 }
 
 void dispatchAsyncBlock(Thread& thread, DispatchBlock task) {
-  thread.runLoop()->post([task = std::move(task)] { tw_executeBlock(task); });
+  // Posted as it is (tw_executeBlock would only call it): wrapping it again
+  // would cost an allocation per task.
+  if (task) thread.runLoop()->post(std::move(task));
 }
 
 void dispatchSyncBlock(Thread& thread, DispatchBlock task) {
@@ -84,9 +86,9 @@ void dispatchSyncIfOnSameThreadAsyncIfDifferentThread(Thread& thread, DispatchBl
 }
 
 void dispatchAfterBlock(Thread& thread, double delay, DispatchBlock task) {
-  Ref<RunLoop> loop = thread.runLoop();
-  dispatchSyncIfOnSameThreadAsyncIfDifferentThread(thread, [loop, delay, task = std::move(task)] {
-    loop->performAfterDelay(delay, [task] { tw_executeBlock(task); });
+  // Runs on the target thread, whose current loop is the thread's loop.
+  dispatchSyncIfOnSameThreadAsyncIfDifferentThread(thread, [delay, task = std::move(task)]() mutable {
+    RunLoop::current()->performAfterDelay(delay, [task = std::move(task)] { tw_executeBlock(task); });
   });
 }
 
@@ -94,13 +96,13 @@ void dispatchAfterCoalescingTokenBlock(Thread& thread, double delay, DispatchOnc
   dispatchOnce(token, {});
   // Always -1 after dispatchOnce: one slot per thread for every token.
   const int64_t slotKey = token.load(std::memory_order_acquire);
-  Ref<RunLoop> loop = thread.runLoop();
-  dispatchSyncIfOnSameThreadAsyncIfDifferentThread(thread, [loop, slotKey, delay, task = std::move(task)] {
+  dispatchSyncIfOnSameThreadAsyncIfDifferentThread(thread, [slotKey, delay, task = std::move(task)]() mutable {
+    RunLoop& loop = *RunLoop::current();
     DispatchCoalescingDictionary& slots = currentThreadSlots();
-    if (auto pending = slots.find(slotKey); pending != slots.end()) loop->cancelTasksWithTarget(pending->second.get());
+    if (auto pending = slots.find(slotKey); pending != slots.end()) loop.cancelTasksWithTarget(pending->second.get());
     auto wrapper = std::make_shared<DispatchBlock>();
     const DispatchBlock* identity = wrapper.get();
-    *wrapper = [task, slotKey, identity] {
+    *wrapper = [task = std::move(task), slotKey, identity] {
       // A wrapper that was replaced after its alarm went off must not run.
       DispatchCoalescingDictionary& current = currentThreadSlots();
       auto slot = current.find(slotKey);
@@ -112,7 +114,7 @@ void dispatchAfterCoalescingTokenBlock(Thread& thread, double delay, DispatchOnc
     };
     slots[slotKey] = wrapper;
     // The delayed request holds the wrapper; the slot only names it.
-    loop->performAfterDelay(delay, [wrapper] { tw_executeBlock(*wrapper); }, identity);
+    loop.performAfterDelay(delay, [wrapper] { tw_executeBlock(*wrapper); }, identity);
   });
 }
 

@@ -1,5 +1,7 @@
 #include "loomwork/platform/RunLoop.h"
 
+#include "platform/RunLoopInternal.h"
+
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
@@ -203,6 +205,8 @@ void RunLoop::runFor(double seconds) {
   impl.stopRequested.store(false);
   impl.context.restart();
 }
+
+asio::io_context& RunLoopAccess::context(RunLoop& loop) { return loop.impl_->context; }
 
 void RunLoop::stop() {
   impl_->stopRequested.store(true);

@@ -192,14 +192,32 @@ struct TWDatePickerDate {
 TWDatePickerDate TWDatePickerDateFromTWDayDate(const TWDayDate& dayDate);
 // TWDayDate::dayDateWithYearMonthDay of the record.
 Ref<TWDayDate> TWDatePickerDateToTWDayDate(TWDatePickerDate date);
-bool TWDatePickerDateIsLeapYear(TWDatePickerDate date);
+inline bool TWDatePickerDateIsLeapYear(TWDatePickerDate date) {
+  return date.year % 4 == 0 && (date.year % 100 != 0 || date.year % 400 == 0);
+}
 // 28 to 31, or -1 for a month outside 1 to 12.
-int64_t TWDatePickerDateGetNumberOfDaysInMonth(TWDatePickerDate date);
+inline int64_t TWDatePickerDateGetNumberOfDaysInMonth(TWDatePickerDate date) {
+  constexpr int8_t kLengths[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  if (date.month < 1 || date.month > 12) return -1;
+  return kLengths[date.month - 1] + (date.month == 2 && TWDatePickerDateIsLeapYear(date) ? 1 : 0);
+}
 // 365 or 366.
-int64_t TWDatePickerDateGetNumberOfDaysInYear(TWDatePickerDate date);
+inline int64_t TWDatePickerDateGetNumberOfDaysInYear(TWDatePickerDate date) {
+  return TWDatePickerDateIsLeapYear(date) ? 366 : 365;
+}
+// -1 if a < b, 0 if equal, 1 if a > b.
+inline ComparisonResult TWComparisonResultForIntegers(int64_t a, int64_t b) {
+  return a < b ? OrderedAscending : (a > b ? OrderedDescending : OrderedSame);
+}
 // Compares year, then month, then day: -1, 0 or 1.
-ComparisonResult TWDatePickerDateCompareToDate(TWDatePickerDate a, TWDatePickerDate b);
-bool TWDatePickerDateIsEqualToDate(TWDatePickerDate a, TWDatePickerDate b);
+inline ComparisonResult TWDatePickerDateCompareToDate(TWDatePickerDate a, TWDatePickerDate b) {
+  if (a.year != b.year) return TWComparisonResultForIntegers(a.year, b.year);
+  if (a.month != b.month) return TWComparisonResultForIntegers(a.month, b.month);
+  return TWComparisonResultForIntegers(a.day, b.day);
+}
+inline bool TWDatePickerDateIsEqualToDate(TWDatePickerDate a, TWDatePickerDate b) {
+  return a.year == b.year && a.month == b.month && a.day == b.day;
+}
 // Signed days from `a` to `b`. Months outside 1 to 12 count -1 day each where
 // the walk through the months meets them.
 int64_t TWDatePickerDateGetDifferenceToDate(TWDatePickerDate a, TWDatePickerDate b);
@@ -209,11 +227,6 @@ int64_t TWDatePickerDateGetDifferenceToDate(TWDatePickerDate a, TWDatePickerDate
 TWDatePickerDate TWDatePickerDateValidate(TWDatePickerDate date);
 // Writes "year-month-day" (as "%ld-%ld-%ld") to the system log.
 void TWDatePickerDateLog(TWDatePickerDate date);
-
-// -1 if a < b, 0 if equal, 1 if a > b.
-inline ComparisonResult TWComparisonResultForIntegers(int64_t a, int64_t b) {
-  return a < b ? OrderedAscending : (a > b ? OrderedDescending : OrderedSame);
-}
 
 }  // namespace loomwork
 #pragma GCC visibility pop

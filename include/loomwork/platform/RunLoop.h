@@ -76,6 +76,7 @@ class RunLoop : public Object {
 
  private:
   friend class RunLoopTimer;
+  friend struct RunLoopAccess;
   std::shared_ptr<Impl> impl_;
 };
 
