@@ -30,6 +30,12 @@ struct MemoryFile {
     std::string uid;
     Ref<OTPathComponent> component;
     bool pending;
+    std::shared_ptr<const Data> bytes;  // written once, when first asked for
+
+    const Data& data() {
+      if (!bytes) bytes = std::make_shared<const Data>(*component->data());
+      return *bytes;
+    }
   };
   using Table = std::map<std::string, Value, std::less<>>;
   Table metadata_, hostValues_;
@@ -69,11 +75,12 @@ class MemoryStorage : public OTSyncControllerDataSource {
     for (Stored& stored : components_) {
       if (stored.uid == uid) {
         stored.component = component;
+        stored.bytes.reset();
         stored.pending = stored.pending || enqueue;
         return;
       }
     }
-    components_.push_back({uid, component, enqueue});
+    components_.push_back({uid, component, enqueue, nullptr});
   }
   std::vector<Ref<OTPathComponent>> OTSyncControllerPathComponentsInRange(OTSyncController&,
                                                                           const OTRange& range) override {
@@ -121,8 +128,8 @@ class MemoryStorage : public OTSyncControllerDataSource {
   // The host-facing calls of OTSQLiteDataSource.
   std::vector<PendingTransfer> pendingTransfers() {
     std::vector<PendingTransfer> pending;
-    for (const Stored& stored : components_)
-      if (stored.pending) pending.push_back({stored.uid, *stored.component->data()});
+    for (Stored& stored : components_)
+      if (stored.pending) pending.push_back({stored.uid, stored.data()});
     return pending;
   }
   void acknowledgeTransfer(std::string_view uid) {
@@ -143,7 +150,7 @@ class MemoryStorage : public OTSyncControllerDataSource {
     const std::string uid = component->uniqueIdentifier();
     for (const Stored& stored : components_)
       if (stored.uid == uid) return true;
-    components_.push_back({uid, component, false});
+    components_.push_back({uid, component, false, nullptr});
     return true;
   }
   void setClaimedRemoteState(const std::optional<OTState>& state) { claimed_ = state; }
@@ -159,7 +166,7 @@ class MemoryStorage : public OTSyncControllerDataSource {
   size_t pathComponentCount() { return components_.size(); }
   size_t pathComponentBytes() {
     size_t bytes = 0;
-    for (const Stored& stored : components_) bytes += stored.component->data()->size();
+    for (Stored& stored : components_) bytes += stored.data().size();
     return bytes;
   }
   // Whether transactions can be rolled back (each costs a copy of the store).

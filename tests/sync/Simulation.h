@@ -61,9 +61,17 @@ class Simulation {
  public:
   static constexpr int kServer = 0, kClient = 1;
 
+  // Memory-backed when the system has it: the runs test the logic of
+  // durability (what a crash keeps), not the disk.
+  static std::filesystem::path scratchDirectory() {
+    std::error_code error;
+    if (std::filesystem::is_directory("/dev/shm", error)) return "/dev/shm";
+    return std::filesystem::temp_directory_path();
+  }
+
   Simulation(uint64_t seed, Faults faults, int ticks)
       : rng_(seed), faults_(faults), ticks_(ticks),
-        directory_(std::filesystem::temp_directory_path() /
+        directory_(scratchDirectory() /
                    ("loomwork-sim-" + std::to_string(::getpid()) + "-" + std::to_string(seed))) {
     std::filesystem::remove_all(directory_);
     std::filesystem::create_directories(directory_);

@@ -17,6 +17,7 @@ namespace {
 // client is known to reach.
 class Source : public MemoryStorage {
  public:
+  explicit Source(std::shared_ptr<MemoryFile> file = std::make_shared<MemoryFile>()) : MemoryStorage(std::move(file)) {}
   Ref<UGTransaction> seed = UGTransaction::transaction();
   std::optional<OTState> reachable;
   Ref<OTPathComponent> offeredSeed;
@@ -349,6 +350,66 @@ TEST(SyncController, ComposeIgnoresComponentsThatGoNowhere) {
   auto composed = OTSyncController::composePathComponentsFromStateUpToState(components, {0, 0}, std::nullopt);
   EXPECT_EQ(composed->pathDescription(), "(0,0)->(0,1)");
   EXPECT_FALSE(OTSyncController::composePathComponentsFromStateUpToState({}, {0, 0}, OTState(1, 1)));
+}
+
+// The merge records the server's remainder and then the client's, outside any
+// controller transaction. A process that dies between the two keeps the
+// server's remainder only: the server then counts the merged state as
+// reachable by the client, integrates its remainder and never merges again,
+// and the client's remainder is never made. The shortest trace: one change on
+// each side, a merge cut off between its two records. A host that runs the
+// processing inside a controller transaction of its own loses the whole
+// merge instead, and the next pass makes it again.
+TEST(SyncController, MergeCutOffBetweenItsTwoRecordsStrandsTheClient) {
+  struct Dies {};
+  class Dying : public Source {
+   public:
+    using Source::Source;
+    int recordsUntilDeath = -1;
+    void OTSyncControllerRecordPathComponentEnqueueForTransfer(OTSyncController& c, const Ref<OTPathComponent>& p,
+                                                               bool enqueue) override {
+      if (recordsUntilDeath == 0) throw Dies{};
+      if (recordsUntilDeath > 0) --recordsUntilDeath;
+      Source::OTSyncControllerRecordPathComponentEnqueueForTransfer(c, p, enqueue);
+    }
+  };
+  for (bool hostWrapsProcessing : {false, true}) {
+    auto file = std::make_shared<MemoryFile>();
+    std::shared_ptr<Dying> source;
+    Ref<OTSyncController> server;
+    auto boot = [&] {  // a new process on the same file
+      server.reset();
+      source.reset();
+      source = std::make_shared<Dying>(file);
+      server = make<OTSyncController>(OTSyncControllerTypeServer);
+      server->setDataSource(source);
+      server->setMergeClass(OTMergeClassOf<OTMerge>());
+      server->restoreInternalState();
+    };
+    auto process = [&] {
+      if (hostWrapsProcessing) {
+        server->performTransaction([&] { server->processInternalStateAllowingHostUpdate(true); });
+      } else {
+        server->processInternalStateAllowingHostUpdate(true);
+      }
+    };
+    boot();
+    server->resetIfNeededAndSeedUsingStateSpaceIdentifier(kIdentifier);
+    server->stageLocalOperation(*setting("A", "title", "server"));
+    source->MemoryStorage::OTSyncControllerRecordPathComponentEnqueueForTransfer(
+        *server, component({0, 0}, {0, 1}, setting("B", "title", "client")), false);
+    source->recordsUntilDeath = 1;
+    EXPECT_THROW(process(), Dies);
+    boot();
+    for (int pass = 0; pass < 3; ++pass) process();
+    EXPECT_EQ(server->currentState(), OTState(1, 1));
+    const auto fromClientState = source->OTSyncControllerPathComponentsInRange(
+        *server, *OTRange::rangeFromClientIndexToClientIndexFromServerIndexToServerIndex(
+                     1, 1, 0, std::numeric_limits<int64_t>::max()));
+    const bool clientCanMoveOn = std::any_of(fromClientState.begin(), fromClientState.end(),
+                                             [](const auto& c) { return *c->fromState() == OTState(0, 1); });
+    EXPECT_EQ(clientCanMoveOn, hostWrapsProcessing) << "host wraps processing: " << hostWrapsProcessing;
+  }
 }
 
 }  // namespace
