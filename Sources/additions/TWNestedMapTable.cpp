@@ -1,7 +1,6 @@
 #include "loomwork/additions/TWNestedMapTable.h"
 
 #include <algorithm>
-#include <unordered_map>
 
 #include "loomwork/platform/Exception.h"
 
@@ -44,64 +43,127 @@ struct Held {
   }
 };
 
-struct Key {
-  Held held;
-  size_t hash;
-};
-
-struct KeyHash {
-  using is_transparent = void;
-  size_t operator()(const Key& key) const noexcept { return key.hash; }
-  size_t operator()(const Value& value) const noexcept { return value.hash(); }
-};
-
-struct KeyEqual {
-  using is_transparent = void;
-  bool operator()(const Key& a, const Value& b) const { return a.held.matches(b); }
-  bool operator()(const Value& a, const Key& b) const { return b.held.matches(a); }
-  bool operator()(const Key& a, const Key& b) const {
-    if (a.hash != b.hash) return false;
-    auto value = b.held.get();
-    return value && a.held.matches(*value);
-  }
-};
-
 }  // namespace
 
+// One map of the tree: open addressing with linear probing over two arrays, a
+// tag byte per slot (0 for empty, else 0x80 and seven bits of the hash) that
+// the probe scans, and the entries themselves. Removal shifts the entries
+// that follow back into the gap, so no slot is ever marked deleted. Iteration
+// goes by slot.
 struct TWNestedMapTable::Level {
-  // An inner level's entries lead to the next level; the last level's hold
-  // the objects.
-  struct Slot {
-    std::unique_ptr<Level> child;
-    Held object;
+  struct Entry {
+    size_t hash = 0;
+    Held key;
+    Held object;                   // the last level's object
+    std::unique_ptr<Level> child;  // an inner level's next map
   };
-  using Map = std::unordered_map<Key, Slot, KeyHash, KeyEqual>;
 
-  Map map;
+  std::vector<uint8_t> tags;
+  std::vector<Entry> entries;
+  size_t used = 0;
   // The size at which the next insertion first drops the entries whose weak
   // key or object is gone (maps that hold nothing weakly never need it).
   size_t sweepAt = 16;
 
-  const Slot* find(const Value& key) const {
-    auto it = map.find(key);
-    return it == map.end() ? nullptr : &it->second;
+  static uint8_t tagOf(size_t hash) { return static_cast<uint8_t>(0x80 | (hash >> 57)); }
+  size_t mask() const { return tags.size() - 1; }
+  bool empty() const { return used == 0; }
+
+  // The slot of the live entry whose key equals `key`, or npos.
+  static constexpr size_t npos = static_cast<size_t>(-1);
+  size_t indexOf(const Value& key, size_t hash) const {
+    if (used == 0) return npos;
+    const uint8_t tag = tagOf(hash);
+    for (size_t i = hash & mask();; i = (i + 1) & mask()) {
+      if (tags[i] == 0) return npos;
+      if (tags[i] == tag && entries[i].hash == hash && entries[i].key.matches(key)) return i;
+    }
   }
-  Slot* find(const Value& key) {
-    auto it = map.find(key);
-    return it == map.end() ? nullptr : &it->second;
+  const Entry* find(const Value& key) const {
+    size_t i = indexOf(key, key.hash());
+    return i == npos ? nullptr : &entries[i];
+  }
+  Entry* find(const Value& key) {
+    size_t i = indexOf(key, key.hash());
+    return i == npos ? nullptr : &entries[i];
   }
 
-  // The slot for `key`, made when there is none.
-  Slot& slotFor(const Value& key, bool weakKeys, bool weakObjects) {
-    auto it = map.find(key);
-    if (it != map.end()) return it->second;
-    if ((weakKeys || weakObjects) && map.size() >= sweepAt) {
-      std::erase_if(map, [&](const auto& entry) {
-        return !entry.first.held.alive() || (weakObjects && !entry.second.child && !entry.second.object.alive());
-      });
-      sweepAt = std::max<size_t>(16, map.size() * 2);
+  // The entry for `key`, made when there is none.
+  Entry& entryFor(const Value& key, bool weakKeys, bool weakObjects) {
+    const size_t hash = key.hash();
+    size_t i = indexOf(key, hash);
+    if (i != npos) return entries[i];
+    if ((weakKeys || weakObjects) && used >= sweepAt) {
+      sweep(weakObjects);
+      sweepAt = std::max<size_t>(16, used * 2);
     }
-    return map.emplace(Key{Held(key, weakKeys), key.hash()}, Slot{}).first->second;
+    if ((used + 1) * 8 > tags.size() * 7) grow();
+    i = place(hash);
+    entries[i].hash = hash;
+    entries[i].key = Held(key, weakKeys);
+    ++used;
+    return entries[i];
+  }
+
+  // Claims the first free slot of the probe sequence of `hash`.
+  size_t place(size_t hash) {
+    size_t i = hash & mask();
+    while (tags[i] != 0) i = (i + 1) & mask();
+    tags[i] = tagOf(hash);
+    return i;
+  }
+
+  void grow() {
+    std::vector<Entry> old = std::move(entries);
+    std::vector<uint8_t> oldTags = std::move(tags);
+    const size_t capacity = std::max<size_t>(8, oldTags.size() * 2);
+    tags.assign(capacity, 0);
+    entries.clear();
+    entries.resize(capacity);
+    for (size_t j = 0; j < oldTags.size(); ++j) {
+      if (oldTags[j] != 0) entries[place(old[j].hash)] = std::move(old[j]);
+    }
+  }
+
+  void eraseAt(size_t i) {
+    entries[i] = Entry{};
+    tags[i] = 0;
+    --used;
+    // Moves back every entry of the run after the gap that may sit there:
+    // one whose home slot does not lie cyclically in (gap, j].
+    for (size_t j = (i + 1) & mask(); tags[j] != 0; j = (j + 1) & mask()) {
+      const size_t home = entries[j].hash & mask();
+      if (((j - home) & mask()) < ((j - i) & mask())) continue;
+      entries[i] = std::move(entries[j]);
+      tags[i] = tags[j];
+      entries[j] = Entry{};
+      tags[j] = 0;
+      i = j;
+    }
+  }
+
+  void erase(const Value& key) {
+    size_t i = indexOf(key, key.hash());
+    if (i != npos) eraseAt(i);
+  }
+
+  void clear() {
+    tags.clear();
+    entries.clear();
+    used = 0;
+    sweepAt = 16;
+  }
+
+  // Drops the entries whose key, or (at the last level) object, is gone.
+  void sweep(bool weakObjects) {
+    for (size_t i = 0; i < tags.size();) {
+      const Entry& e = entries[i];
+      if (tags[i] != 0 && (!e.key.alive() || (weakObjects && !e.child && !e.object.alive()))) {
+        eraseAt(i);  // may move a later entry into slot i, so look at it again
+      } else {
+        ++i;
+      }
+    }
   }
 };
 
@@ -129,13 +191,10 @@ class EnumerationScope {
 // The live entries below a level, `remaining` levels deep.
 uint64_t countBelow(const Level& level, uint64_t remaining) {
   uint64_t count = 0;
-  for (const auto& [key, slot] : level.map) {
-    if (!key.held.alive()) continue;
-    if (remaining == 1) {
-      count += slot.object.alive() ? 1 : 0;
-    } else {
-      count += countBelow(*slot.child, remaining - 1);
-    }
+  for (size_t i = 0; i < level.tags.size(); ++i) {
+    const Level::Entry& entry = level.entries[i];
+    if (level.tags[i] == 0 || !entry.key.alive()) continue;
+    count += remaining == 1 ? (entry.object.alive() ? 1 : 0) : countBelow(*entry.child, remaining - 1);
   }
   return count;
 }
@@ -207,35 +266,36 @@ void TWNestedMapTable::checkNotEnumerating(const char* operation) const {
 void TWNestedMapTable::setObjectForKeys(const Value& object, const Array& keys) {
   checkNotEnumerating("setObjectForKeys");
   if (keys.size() != depth_) return;
+  auto weak = [this](size_t i) { return referenceTypes_[i] == TWNestedMapTableReferenceTypeWeak; };
   Level* level = root_.get();
   for (size_t i = 0; i + 1 < keys.size(); ++i) {
-    Level::Slot& slot = level->slotFor(keys[i], referenceTypes_[i] == TWNestedMapTableReferenceTypeWeak, false);
-    if (!slot.child) slot.child = std::make_unique<Level>();
-    level = slot.child.get();
+    Level::Entry& entry = level->entryFor(keys[i], weak(i), false);
+    if (!entry.child) entry.child = std::make_unique<Level>();
+    level = entry.child.get();
   }
   const size_t last = keys.size() - 1;
-  Level::Slot& slot = level->slotFor(keys[last], referenceTypes_[last] == TWNestedMapTableReferenceTypeWeak,
-                                     referenceTypes_[last + 1] == TWNestedMapTableReferenceTypeWeak);
-  slot.object = Held(object, referenceTypes_[last + 1] == TWNestedMapTableReferenceTypeWeak);
+  level->entryFor(keys[last], weak(last), weak(last + 1)).object = Held(object, weak(last + 1));
 }
 
 std::optional<Value> TWNestedMapTable::objectForKeys(const Array& keys) const {
   if (keys.size() != depth_) return std::nullopt;
   const Level* level = root_.get();
   for (size_t i = 0; i + 1 < keys.size(); ++i) {
-    const Level::Slot* slot = level->find(keys[i]);
-    if (slot == nullptr) return std::nullopt;
-    level = slot->child.get();
+    const Level::Entry* entry = level->find(keys[i]);
+    if (entry == nullptr) return std::nullopt;
+    level = entry->child.get();
   }
-  const Level::Slot* slot = level->find(keys.back());
-  if (slot == nullptr) return std::nullopt;
-  return slot->object.get();
+  const Level::Entry* entry = level->find(keys.back());
+  if (entry == nullptr) return std::nullopt;
+  return entry->object.get();
 }
 
 std::optional<Value> TWNestedMapTable::removeObjectForKeys(const Array& keys) {
-  auto removed = removeObjectsForPartialKeys(keys);
-  if (!removed || removed->empty()) return std::nullopt;
-  return *removed->begin();
+  std::optional<Value> first;
+  removeBelow(keys, "removeObjectForKeys", [&](const Value& object) {
+    if (!first) first = object;
+  });
+  return first;
 }
 
 std::optional<Value> TWNestedMapTable::objectForKey1Key2(const Value& key1, const Value& key2) const {
@@ -254,9 +314,9 @@ bool TWNestedMapTable::containsObjectsForPartialKeys(const Array& keys) const {
   if (keys.size() > depth_) return false;
   const Level* level = root_.get();
   for (size_t i = 0; i + 1 < keys.size(); ++i) {
-    const Level::Slot* slot = level->find(keys[i]);
-    if (slot == nullptr) return false;
-    level = slot->child.get();
+    const Level::Entry* entry = level->find(keys[i]);
+    if (entry == nullptr) return false;
+    level = entry->child.get();
   }
   return true;
 }
@@ -267,17 +327,17 @@ void TWNestedMapTable::enumerateKeysAndObjectsWithPartialKeysBlock(const Array& 
   EnumerationScope scope(enumerations_);
   const Level* level = root_.get();
   for (size_t i = 0; i < keys.size(); ++i) {
-    const Level::Slot* slot = level->find(keys[i]);
-    if (slot == nullptr) return;
+    const Level::Entry* entry = level->find(keys[i]);
+    if (entry == nullptr) return;
     if (i + 1 == depth_) {
       // The whole path: the entry itself.
-      if (auto object = slot->object.get()) {
+      if (auto object = entry->object.get()) {
         bool stop = false;
         block(keys, *object, stop);
       }
       return;
     }
-    level = slot->child.get();
+    level = entry->child.get();
   }
   enumerateFrom(keys, level, block);
 }
@@ -293,80 +353,96 @@ void TWNestedMapTable::enumerateKeysAndObjectsUsingBlock(const EnumerationBlock&
 // is skipped.
 void TWNestedMapTable::enumerateFrom(const Array& prefix, const Level* start, const EnumerationBlock& block) const {
   struct Cursor {
-    Level::Map::const_iterator next, end;
+    const Level* level;
+    size_t next;
   };
   const size_t lastLevel = depth_ - 1;
   Array path = prefix;
-  std::vector<Cursor> cursors{{start->map.begin(), start->map.end()}};
+  std::vector<Cursor> cursors{{start, 0}};
   bool stop = false;
   while (!cursors.empty()) {
     Cursor& cursor = cursors.back();
-    if (cursor.next == cursor.end) {
+    const Level& level = *cursor.level;
+    while (cursor.next < level.tags.size() && level.tags[cursor.next] == 0) ++cursor.next;
+    if (cursor.next == level.tags.size()) {
       cursors.pop_back();
       if (!cursors.empty()) path.pop_back();
       continue;
     }
-    const auto& [key, slot] = *cursor.next++;
-    auto keyValue = key.held.get();
-    if (!keyValue) continue;
-    const size_t level = prefix.size() + cursors.size() - 1;
-    path.push_back(std::move(*keyValue));
-    if (level == lastLevel) {
-      if (auto object = slot.object.get()) {
+    const Level::Entry& entry = level.entries[cursor.next++];
+    auto key = entry.key.get();
+    if (!key) continue;
+    path.push_back(std::move(*key));
+    if (prefix.size() + cursors.size() - 1 == lastLevel) {
+      if (auto object = entry.object.get()) {
         block(path, *object, stop);
         if (stop) return;
       }
       path.pop_back();
     } else {
-      cursors.push_back({slot.child->map.begin(), slot.child->map.end()});
+      cursors.push_back({entry.child.get(), 0});
     }
   }
 }
 
-std::optional<Set> TWNestedMapTable::removeObjectsForPartialKeys(const Array& keys) {
-  checkNotEnumerating("removeObjectsForPartialKeys");
+template <class Collect>
+void TWNestedMapTable::removeBelow(const Array& keys, const char* operation, Collect&& collect) {
+  checkNotEnumerating(operation);
   if (keys.empty()) {
     throw Exception(ExceptionKind::OutOfRange,
-                    "TWNestedMapTable::removeObjectsForPartialKeys: index 0 beyond bounds for empty array");
+                    std::string("TWNestedMapTable::") + operation + ": index 0 beyond bounds for empty array");
   }
-  if (keys.size() > depth_) prefixTooLong("removeObjectsForPartialKeys", keys.size(), depth_);
-  std::vector<Level*> path{root_.get()};
+  if (keys.size() > depth_) prefixTooLong(operation, keys.size(), depth_);
+  // The maps along the prefix, the root first.
+  Level* small[8];
+  std::vector<Level*> large;
+  Level** path = small;
+  if (keys.size() > 8) {
+    large.resize(keys.size());
+    path = large.data();
+  }
+  path[0] = root_.get();
   for (size_t i = 0; i + 1 < keys.size(); ++i) {
-    Level::Slot* slot = path.back()->find(keys[i]);
-    if (slot == nullptr) return std::nullopt;
-    path.push_back(slot->child.get());
+    Level::Entry* entry = path[i]->find(keys[i]);
+    if (entry == nullptr) return;
+    path[i + 1] = entry->child.get();
   }
-  Level& reached = *path.back();
-  auto entry = reached.map.find(keys.back());
-  if (entry == reached.map.end()) return std::nullopt;
-
-  Set removed;
-  enumerateKeysAndObjectsWithPartialKeysBlock(keys,
-                                              [&](const Array&, const Value& object, bool&) { removed.insert(object); });
-  reached.map.erase(entry);
+  Level& reached = *path[keys.size() - 1];
+  const size_t index = reached.indexOf(keys.back(), keys.back().hash());
+  if (index == Level::npos) return;
+  Level::Entry& entry = reached.entries[index];
+  if (keys.size() == depth_) {
+    if (auto object = entry.object.get()) collect(*object);
+  } else {
+    enumerateFrom(keys, entry.child.get(), [&](const Array&, const Value& object, bool&) { collect(object); });
+  }
+  reached.eraseAt(index);
   // Every level on the path is examined, not only up to the first map that
   // still holds something.
-  for (size_t j = path.size() - 1; j-- > 0;) {
-    if (!path[j + 1]->map.empty()) continue;
-    auto emptied = path[j]->map.find(keys[j]);
-    if (emptied != path[j]->map.end()) path[j]->map.erase(emptied);
+  for (size_t j = keys.size() - 1; j-- > 0;) {
+    if (path[j + 1]->empty()) path[j]->erase(keys[j]);
   }
+}
+
+std::optional<Set> TWNestedMapTable::removeObjectsForPartialKeys(const Array& keys) {
+  Set removed;
+  removeBelow(keys, "removeObjectsForPartialKeys", [&](const Value& object) { removed.insert(object); });
   if (removed.empty()) return std::nullopt;
   return removed;
 }
 
 void TWNestedMapTable::removeAllObjects() {
   checkNotEnumerating("removeAllObjects");
-  root_->map.clear();
-  root_->sweepAt = 16;
+  root_->clear();
 }
 
 uint64_t TWNestedMapTable::count() const { return countBelow(*root_, depth_); }
 
 uint64_t TWNestedMapTable::countOfKeysAtLevel(uint64_t level) const {
   if (level != 0) return 0;
-  return static_cast<uint64_t>(std::count_if(root_->map.begin(), root_->map.end(),
-                                             [](const auto& entry) { return entry.first.held.alive(); }));
+  uint64_t count = 0;
+  for (size_t i = 0; i < root_->tags.size(); ++i) count += root_->tags[i] != 0 && root_->entries[i].key.alive();
+  return count;
 }
 
 std::string TWNestedMapTable::description() const {

@@ -135,6 +135,9 @@ class TWNestedMapTable : public Object {
  private:
   void checkNotEnumerating(const char* operation) const;
   void enumerateFrom(const Array& prefix, const Level* start, const EnumerationBlock& block) const;
+  // Removes what lies below a prefix, handing each live object to `collect`.
+  template <class Collect>
+  void removeBelow(const Array& keys, const char* operation, Collect&& collect);
 
   uint64_t depth_;
   std::vector<TWNestedMapTableReferenceType> referenceTypes_;
