@@ -8,14 +8,6 @@
 namespace loomwork::testing {
 namespace {
 
-Ref<SGListSegment> listOf(std::initializer_list<int64_t> ids) {
-  auto list = make<RecordList>();
-  for (int64_t id : ids) list->mutableArray().push_back(record(id));
-  return listSegment(list);
-}
-
-RecordList& listIn(const SGListSegment& segment) { return static_cast<RecordList&>(*segment.list()); }
-
 TEST(GroupSegment, MapsIndexesAndDropIndexesAcrossChildren) {
   auto a = listOf({1, 2}), b = listOf({}), c = listOf({3, 4, 5});
   auto group = SGGroupSegment::groupSegmentWithSegments({a, b, c});

@@ -141,6 +141,14 @@ inline std::string idsOf(const Array& rows) {
   return text;
 }
 
+inline Ref<SGListSegment> listOf(std::initializer_list<int64_t> ids) {
+  auto list = make<RecordList>();
+  for (int64_t id : ids) list->mutableArray().push_back(record(id));
+  return listSegment(list);
+}
+
+inline RecordList& listIn(const SGListSegment& segment) { return static_cast<RecordList&>(*segment.list()); }
+
 // A transform's changes in grouped order: "-2" a deletion from 2, "1>3" a
 // move, "+0" an insertion at 0; "" for none.
 inline std::string changesOf(const UGListTransform* transform) {
