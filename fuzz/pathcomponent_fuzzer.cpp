@@ -27,7 +27,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     (void)component->extendedPropertyListRepresentation();
   } catch (const Exception& e) {
     // A state that did not read is absent, and an absent state cannot be written.
-    if (e.kind() != ExceptionKind::InvalidArgument || (component->fromState() && component->toState())) __builtin_trap();
+    if (e.kind() != ExceptionKind::InvalidArgument || (component->fromState() && component->toState()))
+      __builtin_trap();
     return 0;
   }
   std::optional<Data> bytes = component->data();

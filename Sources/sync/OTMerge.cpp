@@ -96,9 +96,7 @@ Ref<UGEntityOperation> OTMerge::mergeServerUpdateEntityOperationClientUpdateEnti
   return result;
 }
 
-std::optional<Date> OTMerge::modificationDateForEntityOperation(const UGEntityOperation&) const {
-  return std::nullopt;
-}
+std::optional<Date> OTMerge::modificationDateForEntityOperation(const UGEntityOperation&) const { return std::nullopt; }
 
 Value OTMerge::mergePropertyServerValueServerModificationDateClientValueClientModificationDate(
     std::string_view, const Value& serverValue, std::optional<Date> serverModificationDate, const Value& clientValue,

@@ -79,7 +79,8 @@ bool OTPathComponent::isSeed() const { return fromState_ && fromState_->isEqual(
 
 std::string OTPathComponent::uniqueIdentifier() const {
   std::string_view identifier = "nil";
-  if (stateSpaceIdentifier_ && stateSpaceIdentifier_->fullIdentifier()) identifier = *stateSpaceIdentifier_->fullIdentifier();
+  if (stateSpaceIdentifier_ && stateSpaceIdentifier_->fullIdentifier())
+    identifier = *stateSpaceIdentifier_->fullIdentifier();
   return fmt::format("{}-{}", identifier, pathDescription());
 }
 
@@ -117,7 +118,8 @@ bool OTPathComponent::hasEqualMetadata(const OTPathComponent& other) const {
 void OTPathComponent::appendPathComponent(const OTPathComponent& next) {
   // An absent identifier or state on this side never matches, as a message to
   // nothing would answer no.
-  if (!stateSpaceIdentifier_ || !next.stateSpaceIdentifier_ || !stateSpaceIdentifier_->isEqual(*next.stateSpaceIdentifier_))
+  if (!stateSpaceIdentifier_ || !next.stateSpaceIdentifier_ ||
+      !stateSpaceIdentifier_->isEqual(*next.stateSpaceIdentifier_))
     return;
   if (!toState_ || !toState_->isEqual(next.fromState_)) return;
   toState_ = next.toState_;

@@ -33,9 +33,9 @@ Ref<OTElementaryRange> OTRange::rangeFromClientIndexToClientIndex(int64_t fromCl
 }
 
 Ref<OTElementaryRange> OTRange::rangeFromClientIndexToClientIndexFromServerIndexToServerIndex(int64_t fromClientIndex,
-                                                                                             int64_t toClientIndex,
-                                                                                             int64_t fromServerIndex,
-                                                                                             int64_t toServerIndex) {
+                                                                                              int64_t toClientIndex,
+                                                                                              int64_t fromServerIndex,
+                                                                                              int64_t toServerIndex) {
   return make<OTElementaryRange>(fromClientIndex, toClientIndex, fromServerIndex, toServerIndex);
 }
 
@@ -63,7 +63,9 @@ bool OTElementaryRange::containsState(const OTState& state) const {
          state.serverIndex() >= minServerIndex_ && state.serverIndex() <= maxServerIndex_;
 }
 
-bool OTElementaryRange::isEmpty() const { return minClientIndex_ > maxClientIndex_ || minServerIndex_ > maxServerIndex_; }
+bool OTElementaryRange::isEmpty() const {
+  return minClientIndex_ > maxClientIndex_ || minServerIndex_ > maxServerIndex_;
+}
 
 std::string OTElementaryRange::description() const {
   return fmt::format("<OTElementaryRange: client {}..{} server {}..{}>", minClientIndex_, maxClientIndex_,
@@ -78,9 +80,11 @@ OTCompoundRange::OTCompoundRange(uint64_t type, std::vector<Ref<OTRange>> ranges
 bool OTCompoundRange::containsState(const OTState& state) const {
   switch (type_) {
     case OTCompoundRangeTypeUnion:
-      return std::any_of(ranges_.begin(), ranges_.end(), [&](const Ref<OTRange>& r) { return r->containsState(state); });
+      return std::any_of(ranges_.begin(), ranges_.end(),
+                         [&](const Ref<OTRange>& r) { return r->containsState(state); });
     case OTCompoundRangeTypeIntersection:
-      return std::all_of(ranges_.begin(), ranges_.end(), [&](const Ref<OTRange>& r) { return r->containsState(state); });
+      return std::all_of(ranges_.begin(), ranges_.end(),
+                         [&](const Ref<OTRange>& r) { return r->containsState(state); });
     default:
       return false;
   }

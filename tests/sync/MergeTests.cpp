@@ -9,7 +9,8 @@ namespace {
 constexpr UGEntityOperationType C = UGEntityOperationTypeCreate, U = UGEntityOperationTypeUpdate,
                                 D = UGEntityOperationTypeDelete, I = UGEntityOperationTypeIdentity;
 
-Ref<UGMutableEntityOperation> op(UGEntityOperationType type, std::initializer_list<std::pair<const char*, Value>> values = {}) {
+Ref<UGMutableEntityOperation> op(UGEntityOperationType type,
+                                 std::initializer_list<std::pair<const char*, Value>> values = {}) {
   auto operation = make<UGMutableEntityOperation>(type, "Note");
   for (const auto& [name, value] : values) operation->setValueForProperty(value, name);
   return operation;
@@ -43,8 +44,10 @@ TEST(OTMerge, DecisionTable) {
       SCOPED_TRACE(std::to_string(row) + "," + std::to_string(column));
       auto server = sides[column] == absent ? with({}) : with({{"e", op(sides[column], {{"from", "server"}})}});
       auto client = sides[row] == absent ? with({}) : with({{"e", op(sides[row], {{"from", "client"}})}});
-      Value before = Value::array({server->extendedPropertyListRepresentation(), client->extendedPropertyListRepresentation()});
-      Ref<UGEntityOperation> chosen = merge.mergeServerOperationClientOperation(*server, *client)->operationForUUID("e");
+      Value before =
+          Value::array({server->extendedPropertyListRepresentation(), client->extendedPropertyListRepresentation()});
+      Ref<UGEntityOperation> chosen =
+          merge.mergeServerOperationClientOperation(*server, *client)->operationForUUID("e");
       const char expected = table[row][column];
       if (expected == '-') {
         EXPECT_FALSE(chosen);
@@ -57,8 +60,9 @@ TEST(OTMerge, DecisionTable) {
         EXPECT_NE(chosen, side);  // the merge holds copies
         EXPECT_EQ(chosen->extendedPropertyListRepresentation(), side->extendedPropertyListRepresentation());
       }
-      EXPECT_EQ(Value::array({server->extendedPropertyListRepresentation(), client->extendedPropertyListRepresentation()}),
-                before);
+      EXPECT_EQ(
+          Value::array({server->extendedPropertyListRepresentation(), client->extendedPropertyListRepresentation()}),
+          before);
     }
   }
   auto both = merge.mergeServerOperationClientOperation(*with({{"a", op(U, {{"title", "x"}})}}),
@@ -116,7 +120,10 @@ TEST(OTMerge, MergeClassMakesTheSubclass) {
   auto server = with({{"a", op(U, {{"t", "s"}, {"modified", Value::date(1)}})}});
   auto client = with({{"a", op(U, {{"t", "c"}, {"modified", Value::date(2)}})}});
   auto winner = [&](const OTMergeClass& mergeClass) {
-    return mergeClass()->mergeServerOperationClientOperation(*server, *client)->operationForUUID("a")->valueForProperty("t");
+    return mergeClass()
+        ->mergeServerOperationClientOperation(*server, *client)
+        ->operationForUUID("a")
+        ->valueForProperty("t");
   };
   EXPECT_EQ(winner(OTMergeClassOf<DatedMerge>()), Value("c"));
   EXPECT_EQ(winner(OTMergeClassOf()), Value("s"));

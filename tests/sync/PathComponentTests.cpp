@@ -49,8 +49,10 @@ TEST(OTPathComponent, Texts) {
   EXPECT_FALSE(component("A-B", OTState(0, 1), OTState(1, 1))->isSeed());
   EXPECT_FALSE(component("A-B", OTState(1, 0), OTState(1, 1))->isSeed());
   auto named = component("ABCDEFGH-IJ", OTState(0, 0), OTState(0, 1));
-  EXPECT_EQ(named->description(), "<OTPathComponent: stateSpaceId:ABCDE fromState:<OTState: s:0 c:0 > toState:<OTState: "
-                                  "s:0 c:1 > operation:" + named->operation()->description() + ">");
+  EXPECT_EQ(named->description(),
+            "<OTPathComponent: stateSpaceId:ABCDE fromState:<OTState: s:0 c:0 > toState:<OTState: "
+            "s:0 c:1 > operation:" +
+                named->operation()->description() + ">");
   // Five UTF-16 units, and a character outside the basic plane is two.
   EXPECT_NE(component("😀😀x-y", {}, {})->description().find("stateSpaceId:😀😀x "), std::string::npos);
   EXPECT_EQ(thrownKind([&] { (void)c->description(); }), ExceptionKind::OutOfRange);
@@ -89,7 +91,8 @@ TEST(OTPathComponent, AppendAndReduce) {
 
 TEST(OTPathComponent, CopyOwnsItsOperation) {
   auto original = OTPathComponent::initWithExtendedPropertyList(
-      component("S-C", OTState(0, 0), OTState(0, 1), updating("x", "title", "a"))->extendedPropertyListRepresentation());
+      component("S-C", OTState(0, 0), OTState(0, 1), updating("x", "title", "a"))
+          ->extendedPropertyListRepresentation());
   ASSERT_TRUE(original);
   auto copy = original->copy();
   EXPECT_EQ(copy->stateSpaceIdentifier(), original->stateSpaceIdentifier());
@@ -104,17 +107,23 @@ TEST(OTPathComponent, CopyOwnsItsOperation) {
 }
 
 TEST(OTPathComponent, ReadingRefusesWhatIsMissingOrForeign) {
-  Value good = component("S-C", OTState(1, 2), OTState(1, 3), updating("x", "t", 1))->extendedPropertyListRepresentation();
+  Value good =
+      component("S-C", OTState(1, 2), OTState(1, 3), updating("x", "t", 1))->extendedPropertyListRepresentation();
   ASSERT_EQ(good.count(), 5u);
   auto with = [&](std::string_view key, std::optional<Value> value) {
     Dictionary d = good.dictionary();
     value ? void(d[Value(key)] = *value) : void(d.erase(Value(key)));
     return OTPathComponent::initWithExtendedPropertyList(Value(std::move(d)));
   };
-  const std::pair<std::string_view, std::optional<Value>> refused[] = {
-      {kVersion, 2}, {kVersion, "1"}, {kVersion, std::nullopt}, {kOperation, std::nullopt}, {kOperation, "op"},
-      {kStateSpaceIdentifier, std::nullopt}, {kStateSpaceIdentifier, 12345}, {kFromState, std::nullopt},
-      {kToState, std::nullopt}};
+  const std::pair<std::string_view, std::optional<Value>> refused[] = {{kVersion, 2},
+                                                                       {kVersion, "1"},
+                                                                       {kVersion, std::nullopt},
+                                                                       {kOperation, std::nullopt},
+                                                                       {kOperation, "op"},
+                                                                       {kStateSpaceIdentifier, std::nullopt},
+                                                                       {kStateSpaceIdentifier, 12345},
+                                                                       {kFromState, std::nullopt},
+                                                                       {kToState, std::nullopt}};
   for (const auto& [key, value] : refused) EXPECT_FALSE(with(key, value)) << key;
 
   // A state that does not read is left absent, and such a component cannot
@@ -128,7 +137,8 @@ TEST(OTPathComponent, ReadingRefusesWhatIsMissingOrForeign) {
   halfState->setStateSpaceIdentifier(make<OTStateSpaceIdentifier>());
   EXPECT_EQ(thrownKind([&] { (void)halfState->extendedPropertyListRepresentation(); }), ExceptionKind::InvalidArgument);
   // Operations of an unknown type are carried as they are.
-  auto unknown = with(kOperation, Value::dictionary({{"u", Value::dictionary({{"t", 7}, {"e", "N"}, {"p", Value::dictionary({})}})}}));
+  auto unknown = with(
+      kOperation, Value::dictionary({{"u", Value::dictionary({{"t", 7}, {"e", "N"}, {"p", Value::dictionary({})}})}}));
   ASSERT_TRUE(unknown);
   EXPECT_EQ(unknown->operation()->operationForUUID("u")->type(), static_cast<UGEntityOperationType>(7));
   EXPECT_FALSE(component("S-C", {}, {}, updating("x", "o", Value(make<Object>())))->data());
@@ -143,16 +153,26 @@ class Generator {
 
   Value value(int depth = 0) {
     switch (below(depth < 3 ? 10 : 6)) {
-      case 0: return Value::null();
-      case 1: return Value(static_cast<int64_t>(random_()));
-      case 2: return Value(std::ldexp(static_cast<double>(below(100000)), -7) - 300.0);
-      case 3: return Value::date(static_cast<double>(below(4000000000)) - 1e9);
-      case 4: return Value(std::string(below(30), static_cast<char>('a' + below(3))) + (below(2) ? "Ü😀" : ""));
-      case 5: return Value::data(Data(below(40), static_cast<uint8_t>(random_())));
-      case 6: return Value(below(2) == 0);
-      case 7: return Value::array({value(depth + 1), value(depth + 1)});
-      case 8: return Value::dictionary({{"k" + std::to_string(below(3)), value(depth + 1)}});
-      default: return Value::set({value(depth + 1), value(depth + 1)});
+      case 0:
+        return Value::null();
+      case 1:
+        return Value(static_cast<int64_t>(random_()));
+      case 2:
+        return Value(std::ldexp(static_cast<double>(below(100000)), -7) - 300.0);
+      case 3:
+        return Value::date(static_cast<double>(below(4000000000)) - 1e9);
+      case 4:
+        return Value(std::string(below(30), static_cast<char>('a' + below(3))) + (below(2) ? "Ü😀" : ""));
+      case 5:
+        return Value::data(Data(below(40), static_cast<uint8_t>(random_())));
+      case 6:
+        return Value(below(2) == 0);
+      case 7:
+        return Value::array({value(depth + 1), value(depth + 1)});
+      case 8:
+        return Value::dictionary({{"k" + std::to_string(below(3)), value(depth + 1)}});
+      default:
+        return Value::set({value(depth + 1), value(depth + 1)});
     }
   }
   int64_t index() {
@@ -197,7 +217,8 @@ TEST(OTPathComponent, RandomComponentsRoundTripAndDamagedBytesNeverCrash) {
     if (generate.below(2)) {
       bytes.resize(generate.below(bytes.size()));
     } else {
-      for (uint64_t n = 1 + generate.below(4); n > 0; --n) bytes[generate.below(bytes.size())] ^= 1 << generate.below(8);
+      for (uint64_t n = 1 + generate.below(4); n > 0; --n)
+        bytes[generate.below(bytes.size())] ^= 1 << generate.below(8);
     }
     Ref<OTPathComponent> damaged = OTPathComponent::initWithData(bytes);
     if (damaged && damaged->fromState() && damaged->toState()) {

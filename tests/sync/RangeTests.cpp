@@ -24,7 +24,8 @@ uint64_t testSeed() {
 }
 
 Ref<OTElementaryRange> box(int64_t minClient, int64_t maxClient, int64_t minServer, int64_t maxServer) {
-  return OTRange::rangeFromClientIndexToClientIndexFromServerIndexToServerIndex(minClient, maxClient, minServer, maxServer);
+  return OTRange::rangeFromClientIndexToClientIndexFromServerIndexToServerIndex(minClient, maxClient, minServer,
+                                                                                maxServer);
 }
 
 // States are (server, client) as everywhere in sync.

@@ -85,8 +85,7 @@ using OTMergeClass = std::function<Ref<OTMerge>()>;
 
 // The merge class that makes a new M (OTMerge by default) each time.
 template <class M = OTMerge>
-  requires std::derived_from<M, OTMerge>
-OTMergeClass OTMergeClassOf() {
+requires std::derived_from<M, OTMerge> OTMergeClass OTMergeClassOf() {
   return [] { return Ref<OTMerge>(make<M>()); };
 }
 

@@ -62,7 +62,9 @@ class OTPathComponent : public Object {
   const Ref<UGMutableTransaction>& operation() const { return operation_; }
   const std::optional<OTState>& fromState() const { return fromState_; }
   const std::optional<OTState>& toState() const { return toState_; }
-  void setStateSpaceIdentifier(Ref<OTStateSpaceIdentifier> identifier) { stateSpaceIdentifier_ = std::move(identifier); }
+  void setStateSpaceIdentifier(Ref<OTStateSpaceIdentifier> identifier) {
+    stateSpaceIdentifier_ = std::move(identifier);
+  }
   void setOperation(Ref<UGMutableTransaction> operation) { operation_ = std::move(operation); }
   void setFromState(std::optional<OTState> state) { fromState_ = state; }
   void setToState(std::optional<OTState> state) { toState_ = state; }

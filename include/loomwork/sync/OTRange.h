@@ -40,9 +40,9 @@ class OTRange : public Object {
   // Client from..to by server MIN..MAX.
   static Ref<OTElementaryRange> rangeFromClientIndexToClientIndex(int64_t fromClientIndex, int64_t toClientIndex);
   static Ref<OTElementaryRange> rangeFromClientIndexToClientIndexFromServerIndexToServerIndex(int64_t fromClientIndex,
-                                                                                             int64_t toClientIndex,
-                                                                                             int64_t fromServerIndex,
-                                                                                             int64_t toServerIndex);
+                                                                                              int64_t toClientIndex,
+                                                                                              int64_t fromServerIndex,
+                                                                                              int64_t toServerIndex);
   // The smallest box holding every state; for no states client MAX..MIN by
   // server MAX..MIN, which is empty.
   static Ref<OTElementaryRange> rangeContainingStates(const std::vector<OTState>& states);
