@@ -34,8 +34,14 @@ inline bool isPhonePunctuation(char c) {
 // Context on each side of a stretch, so the matcher sees what precedes and
 // follows a number (a letter glued to it, a "+" or an opening bracket).
 constexpr size_t kContext = 16;
-constexpr size_t kPiece = 1024;
-constexpr size_t kOverlap = 64;
+// A stretch with more digits than this is a table or an identifier, not
+// something written to be dialled (E.164 numbers have at most 15 digits; this
+// leaves room for a trunk prefix, an extension or two numbers side by side).
+// Stretches of many one-digit groups ("1.2.3.4.5") are not numbers either.
+// Both limits keep the matcher, which costs tens to hundreds of microseconds
+// per call, away from walls of digits.
+constexpr int kMaximumDigits = 30;
+constexpr int kMaximumSingleDigitGroups = 3;
 
 size_t backToCodePoint(std::string_view t, size_t i) {
   while (i > 0 && i < t.size() && (static_cast<unsigned char>(t[i]) & 0xC0) == 0x80) --i;
@@ -92,9 +98,11 @@ std::vector<DataDetectorMatch> DataDetector::findPhoneNumbers(std::string_view u
     const size_t first = i;
     size_t last = i;
     int digits = 0;
+    int singleDigitGroups = 0;
     while (i < n && i - last <= kJoinDistance) {
       const char c = utf8[i];
       if (isDigit(c)) {
+        if ((i == first || !isDigit(utf8[i - 1])) && (i + 1 >= n || !isDigit(utf8[i + 1]))) ++singleDigitGroups;
         last = i;
         ++digits;
       } else if (!isPhonePunctuation(c)) {
@@ -103,30 +111,26 @@ std::vector<DataDetectorMatch> DataDetector::findPhoneNumbers(std::string_view u
       ++i;
     }
     i = last + 1;
-    if (digits < kMinimumDigits || looksLikeDate(utf8.substr(first, last + 1 - first)) ||
-        gluedToNumber(utf8, first, last + 1))
+    if (digits < kMinimumDigits || digits > kMaximumDigits || singleDigitGroups > kMaximumSingleDigitGroups ||
+        looksLikeDate(utf8.substr(first, last + 1 - first)) || gluedToNumber(utf8, first, last + 1))
       continue;
-    // A long stretch (a wall of digits) goes to the matcher in overlapping
-    // pieces, which keeps its work per byte bounded.
-    for (size_t piece = first; piece <= last; piece += kPiece) {
-      const size_t begin = backToCodePoint(utf8, piece > kContext ? piece - kContext : 0);
-      const size_t end = backToCodePoint(utf8, std::min(n, std::min(last + 1, piece + kPiece + kOverlap) + kContext));
-      const std::string window(utf8.substr(begin, end - begin));
-      PhoneNumberMatcher matcher(util, window, region_, PhoneNumberMatcher::VALID, INT_MAX);
-      PhoneNumberMatch found;
-      while (matcher.HasNext() && matcher.Next(&found)) {
-        const size_t start = begin + static_cast<size_t>(found.start());
-        const size_t stop = start + static_cast<size_t>(found.length());
-        // Context may hold the cut-off start of the next stretch: only numbers on this one count.
-        if (stop <= first || start > last) continue;
-        if (!matches.empty() && start < static_cast<size_t>(matches.back().byteRange.end())) continue;
-        if (looksLikeDate(found.raw_string()) || gluedToNumber(utf8, start, stop)) continue;
-        DataDetectorMatch match;
-        match.resultType = TextCheckingTypePhoneNumber;
-        match.byteRange = {static_cast<int64_t>(start), static_cast<int64_t>(stop - start)};
-        match.phoneNumber = found.raw_string();
-        matches.push_back(std::move(match));
-      }
+    const size_t begin = backToCodePoint(utf8, first > kContext ? first - kContext : 0);
+    const size_t end = backToCodePoint(utf8, std::min(n, last + 1 + kContext));
+    const std::string window(utf8.substr(begin, end - begin));
+    PhoneNumberMatcher matcher(util, window, region_, PhoneNumberMatcher::VALID, INT_MAX);
+    PhoneNumberMatch found;
+    while (matcher.HasNext() && matcher.Next(&found)) {
+      const size_t start = begin + static_cast<size_t>(found.start());
+      const size_t stop = start + static_cast<size_t>(found.length());
+      // Context may hold the cut-off start of the next stretch: only numbers on this one count.
+      if (stop <= first || start > last) continue;
+      if (!matches.empty() && start < static_cast<size_t>(matches.back().byteRange.end())) continue;
+      if (looksLikeDate(found.raw_string()) || gluedToNumber(utf8, start, stop)) continue;
+      DataDetectorMatch match;
+      match.resultType = TextCheckingTypePhoneNumber;
+      match.byteRange = {static_cast<int64_t>(start), static_cast<int64_t>(stop - start)};
+      match.phoneNumber = found.raw_string();
+      matches.push_back(std::move(match));
     }
   }
   return matches;

@@ -68,7 +68,10 @@ struct DataDetectorMatch {
 //   where that domain is also a common file extension ("readme.md",
 //   "setup.py", "app.zip") it needs a path as well.
 // - Phone numbers: libphonenumber's matcher at its "valid" leniency for the
-//   detector's region, without anything shaped like a date.
+//   detector's region, without anything shaped like a date ("05.10.1986",
+//   "3/10/1984", "1986-10-05") or glued to a longer dotted number. Numbers are
+//   looked for in ASCII digits, on stretches of 5 to 30 digits joined by
+//   spaces and ". - / ( ) +"; longer walls of digits are not searched.
 // - Postal addresses: see the address detector's description in
 //   DataDetector::findAddresses.
 //
