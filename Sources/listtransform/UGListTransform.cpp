@@ -1,6 +1,7 @@
 #include "loomwork/listtransform/UGListTransform.h"
 
 #include <algorithm>
+#include <iterator>
 #include <unordered_map>
 
 #include "listtransform/FenwickTree.h"
@@ -407,12 +408,47 @@ bool UGMutableListTransform::recordMovedObjectFromIndexToIndex(std::optional<Val
 
 void UGMutableListTransform::recordChangesFromTransform(const UGListTransform& transform) {
   if (&transform == this) return;
-  transform.enumerateTransformAsGroupedDeletionsMovesInsertions(
-      [this](int64_t index, const std::optional<Value>& object) { recordDeletedObjectFromIndex(object, index); },
-      [this](int64_t from, int64_t to, const std::optional<Value>& object) {
-        recordMovedObjectFromIndexToIndex(object, from, to);
-      },
-      [this](int64_t index, const std::optional<Value>& object) { recordInsertedObjectAtIndex(object, index); });
+  // The same as recording the argument's changes one by one in grouped order:
+  // the argument's indexes are distinct within each of its arrays, so a change
+  // is refused exactly when the receiver already held its index (a move when
+  // either half's index was held). Merging the accepted items in keeps this
+  // linear where recording one by one shifts the arrays for every item.
+  auto held = [](const ItemArray& items, int64_t index) {
+    size_t p = lowerBound(items, index);
+    return p < items.size() && items[p]->index() == index;
+  };
+  ItemArray deletions, insertions;
+  std::unordered_map<const UGListTransformItem*, Ref<UGListTransformItem>> movedTo;
+  for (const auto& item : transform.deletions()) {
+    if (held(deletions_, item->index())) continue;
+    const UGListTransformItem* partner = item->moveLinkItem();
+    if (partner != nullptr && held(insertions_, partner->index())) continue;
+    deletions.push_back(UGListTransformItem::itemWithIndexObject(item->index(), item->object()));
+    if (partner != nullptr) {
+      auto insertion = UGListTransformItem::itemWithIndexObject(partner->index(), item->object());
+      deletions.back()->establishMoveLinkToItem(insertion.get());
+      movedTo.emplace(partner, std::move(insertion));
+    }
+  }
+  for (const auto& item : transform.insertions()) {
+    if (item->hasMoveLink()) {
+      auto moved = movedTo.find(item.get());
+      if (moved != movedTo.end()) insertions.push_back(std::move(moved->second));
+    } else if (!held(insertions_, item->index())) {
+      insertions.push_back(UGListTransformItem::itemWithIndexObject(item->index(), item->object()));
+    }
+  }
+  auto mergeInto = [](ItemArray& items, ItemArray& added) {
+    if (added.empty()) return;
+    ItemArray merged;
+    merged.reserve(items.size() + added.size());
+    std::merge(std::make_move_iterator(items.begin()), std::make_move_iterator(items.end()),
+               std::make_move_iterator(added.begin()), std::make_move_iterator(added.end()), std::back_inserter(merged),
+               [](const Ref<UGListTransformItem>& a, const Ref<UGListTransformItem>& b) { return a->index() < b->index(); });
+    items = std::move(merged);
+  };
+  mergeInto(deletions_, deletions);
+  mergeInto(insertions_, insertions);
 }
 
 void UGMutableListTransform::appendTransform(const UGListTransform& later) {

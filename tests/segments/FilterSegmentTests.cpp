@@ -134,6 +134,28 @@ TEST(FilterMappingAlgorithms, TransitionsAndDifferencesMatchTheDocumentedOnes) {
   }
 }
 
+// Group segments gather their children's changes with
+// recordChangesFromTransform; it must refuse exactly what recording the
+// changes one by one refuses.
+TEST(FilterMappingAlgorithms, RecordingATransformMatchesRecordingItsChangesOneByOne) {
+  Rng rng(kSeed + 2);
+  for (int c = 0; c < 2000; ++c) {
+    SCOPED_TRACE("seed " + std::to_string(kSeed + 2) + " case " + std::to_string(c));
+    const auto receiver = randomInnerTransform(rng, uniform(rng, 0, 10));
+    const auto changes = randomInnerTransform(rng, uniform(rng, 0, 10));
+    auto bulk = receiver->mutableCopy();
+    bulk->recordChangesFromTransform(*changes);
+    auto single = receiver->mutableCopy();
+    changes->enumerateTransformAsGroupedDeletionsMovesInsertions(
+        [&](int64_t index, const std::optional<Value>& object) { single->recordDeletedObjectFromIndex(object, index); },
+        [&](int64_t from, int64_t to, const std::optional<Value>& object) {
+          single->recordMovedObjectFromIndexToIndex(object, from, to);
+        },
+        [&](int64_t index, const std::optional<Value>& object) { single->recordInsertedObjectAtIndex(object, index); });
+    ASSERT_EQ(describeItems(*bulk), describeItems(*single)) << receiver->description() << changes->description();
+  }
+}
+
 // A root that keeps the notification of the last pass.
 class CapturingRoot : public SGPassthroughSegment {
  public:
