@@ -99,14 +99,17 @@ std::optional<IndexSet> SGFilterSegment::indexesForRepresentedObject(const Value
 
 void SGFilterSegment::appendRepresentedObjectsToArray(Array& array) const {
   if (itemCount() == 0 || !innerSegment_) return;
-  Array scratch;
-  innerSegment_->appendRepresentedObjectsToArray(scratch);
-  // Inside a pass, before the exit hook has followed the inner change, the
-  // mapping may name inner items that are gone; those positions give the
-  // null value, so that the count stays itemCount().
+  // The shown inner objects one by one, rather than all inner objects
+  // collected and most of them dropped. Inside a pass, before the exit hook
+  // has followed the inner change, the mapping may name inner items that are
+  // gone; those positions give the null value, so that the count stays
+  // itemCount().
+  const int64_t innerCount = innerSegment_->itemCount();
+  array.reserve(array.size() + mapping_->vector().size());
   for (int64_t index : mapping_->vector()) {
-    array.push_back(index >= 0 && static_cast<size_t>(index) < scratch.size() ? scratch[static_cast<size_t>(index)]
-                                                                              : Value::null());
+    std::optional<Value> object;
+    if (index >= 0 && index < innerCount) object = innerSegment_->representedObjectAtIndex(index);
+    array.push_back(object ? std::move(*object) : Value::null());
   }
 }
 

@@ -321,9 +321,17 @@ void SortKeyCache::keepPositions(const std::vector<int64_t>& survivingPositions,
 }
 
 void SortKeyCache::readKeys(const Value& object, Value* out) const {
+  Object* asObject = object.tryObject();
   for (size_t k = 0; k < width_; ++k) {
     const std::string& path = (*descriptors_)[k].key();
-    out[k] = path.empty() || path == "self" ? object : valueForKeyPath(object, path).value_or(Value::null());
+    if (path.empty() || path == "self") {
+      out[k] = object;
+    } else if (asObject != nullptr) {
+      // What valueForKeyPath() does for an object, without copying the value.
+      out[k] = asObject->valueForKeyPath(path).value_or(Value::null());
+    } else {
+      out[k] = valueForKeyPath(object, path).value_or(Value::null());
+    }
   }
 }
 
