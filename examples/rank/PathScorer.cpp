@@ -160,19 +160,30 @@ void PathScorer::splitDirectories() {
 // How many of the word's first characters (from `from` on) are a subsequence
 // of the line's part, with both simple ASCII.
 size_t PathScorer::heldPrefix(const Word& word, size_t from, Part part) const {
+  // Locals and a register for the wanted id keep the loop free of reloads.
+  const uint8_t* ids = ids_.data();
+  const char* text = line_.data();
   const uint8_t* want = word.ids.data() + from;
-  for (size_t i = part.begin; i < part.end && *want != 0; ++i) {
-    if (ids_[static_cast<unsigned char>(line_[i])] == *want) ++want;
+  uint8_t wanted = *want;
+  for (size_t i = part.begin; i < part.end && wanted != 0; ++i) {
+    if (ids[static_cast<unsigned char>(text[i])] == wanted) [[unlikely]]
+      wanted = *++want;
   }
   return static_cast<size_t>(want - (word.ids.data() + from));
 }
 
 // How many of the word's last characters are a subsequence of the part.
 size_t PathScorer::heldSuffix(const Word& word, Part part) const {
+  const uint8_t* ids = ids_.data();
+  const char* text = line_.data();
   const size_t m = word.text.size();
   size_t matched = 0;
+  uint8_t wanted = m > 0 ? word.ids[m - 1] : 0;
   for (size_t i = part.end; i > part.begin && matched < m; --i) {
-    if (ids_[static_cast<unsigned char>(line_[i - 1])] == word.ids[m - 1 - matched]) ++matched;
+    if (ids[static_cast<unsigned char>(text[i - 1])] == wanted) [[unlikely]] {
+      ++matched;
+      wanted = matched < m ? word.ids[m - 1 - matched] : 0;
+    }
   }
   return matched;
 }
