@@ -100,7 +100,7 @@ TEST(OTPathComponent, CopyOwnsItsOperation) {
   std::dynamic_pointer_cast<UGMutableEntityOperation>(copy->operation()->operationForUUID("x"))
       ->setValueForProperty(Value("changed"), "title");
   EXPECT_EQ(original->operation()->operationForUUID("x")->valueForProperty("title"), Value("a"));
-  copy->setStateSpaceIdentifier(make<OTStateSpaceIdentifier>("S-C"));
+  copy->setStateSpaceIdentifier(make<OTStateSpaceIdentifier>("S-C"));  // equal, not the same
   EXPECT_TRUE(copy->hasEqualMetadata(*original));
   copy->setToState(OTState(0, 2));
   EXPECT_FALSE(copy->hasEqualMetadata(*original));
@@ -115,15 +115,12 @@ TEST(OTPathComponent, ReadingRefusesWhatIsMissingOrForeign) {
     value ? void(d[Value(key)] = *value) : void(d.erase(Value(key)));
     return OTPathComponent::initWithExtendedPropertyList(Value(std::move(d)));
   };
-  const std::pair<std::string_view, std::optional<Value>> refused[] = {{kVersion, 2},
-                                                                       {kVersion, "1"},
-                                                                       {kVersion, std::nullopt},
-                                                                       {kOperation, std::nullopt},
-                                                                       {kOperation, "op"},
-                                                                       {kStateSpaceIdentifier, std::nullopt},
-                                                                       {kStateSpaceIdentifier, 12345},
-                                                                       {kFromState, std::nullopt},
-                                                                       {kToState, std::nullopt}};
+  // clang-format off
+  const std::pair<std::string_view, std::optional<Value>> refused[] = {
+      {kVersion, 2}, {kVersion, "1"}, {kVersion, std::nullopt}, {kOperation, std::nullopt}, {kOperation, "op"},
+      {kStateSpaceIdentifier, std::nullopt}, {kStateSpaceIdentifier, 12345}, {kFromState, std::nullopt},
+      {kToState, std::nullopt}};
+  // clang-format on
   for (const auto& [key, value] : refused) EXPECT_FALSE(with(key, value)) << key;
 
   // A state that does not read is left absent, and such a component cannot
@@ -152,28 +149,20 @@ class Generator {
   uint64_t below(uint64_t n) { return random_() % n; }
 
   Value value(int depth = 0) {
+    // clang-format off
     switch (below(depth < 3 ? 10 : 6)) {
-      case 0:
-        return Value::null();
-      case 1:
-        return Value(static_cast<int64_t>(random_()));
-      case 2:
-        return Value(std::ldexp(static_cast<double>(below(100000)), -7) - 300.0);
-      case 3:
-        return Value::date(static_cast<double>(below(4000000000)) - 1e9);
-      case 4:
-        return Value(std::string(below(30), static_cast<char>('a' + below(3))) + (below(2) ? "Ü😀" : ""));
-      case 5:
-        return Value::data(Data(below(40), static_cast<uint8_t>(random_())));
-      case 6:
-        return Value(below(2) == 0);
-      case 7:
-        return Value::array({value(depth + 1), value(depth + 1)});
-      case 8:
-        return Value::dictionary({{"k" + std::to_string(below(3)), value(depth + 1)}});
-      default:
-        return Value::set({value(depth + 1), value(depth + 1)});
+      case 0: return Value::null();
+      case 1: return Value(static_cast<int64_t>(random_()));
+      case 2: return Value(std::ldexp(static_cast<double>(below(100000)), -7) - 300.0);
+      case 3: return Value::date(static_cast<double>(below(4000000000)) - 1e9);
+      case 4: return Value(std::string(below(30), static_cast<char>('a' + below(3))) + (below(2) ? "Ü😀" : ""));
+      case 5: return Value::data(Data(below(40), static_cast<uint8_t>(random_())));
+      case 6: return Value(below(2) == 0);
+      case 7: return Value::array({value(depth + 1), value(depth + 1)});
+      case 8: return Value::dictionary({{"k" + std::to_string(below(3)), value(depth + 1)}});
+      default: return Value::set({value(depth + 1), value(depth + 1)});
     }
+    // clang-format on
   }
   int64_t index() {
     int64_t near = static_cast<int64_t>(below(3));

@@ -28,7 +28,7 @@ TEST(OTState, ValuesAndPropertyListForm) {
   }
 }
 
-TEST(OTStateSpaceIdentifier, PartsTypesAndEquality) {
+TEST(OTStateSpaceIdentifier, PartsTypesAndEqualityWithLWIsEqual) {
   using Identifier = OTStateSpaceIdentifier;
   auto serverOnly = Identifier::stateSpaceIdentifierWithServerIdentifierClientIdentifier("AB", std::nullopt);
   EXPECT_EQ(serverOnly->fullIdentifier(), "AB-");
@@ -61,9 +61,8 @@ TEST(OTStateSpaceIdentifier, PartsTypesAndEquality) {
   EXPECT_FALSE(Identifier().isEqual(Identifier("A-B")));
   EXPECT_FALSE(LWIsEqual(none, Ref<Identifier>()));
   EXPECT_TRUE(LWIsEqual(Ref<Identifier>(), Ref<Identifier>()));
-}
 
-TEST(LWIsEqual, AbsenceAndTheNullValueComeFirst) {
+  // Absence and the null value come before value equality.
   using V = std::optional<Value>;
   Value array = Value::array({1, 2});
   EXPECT_TRUE(LWIsEqual(V(array), V(Value::array({1.0, 2}))));
