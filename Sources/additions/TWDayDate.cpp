@@ -348,9 +348,18 @@ int64_t daysInYear(int64_t y) { return isLeapYear(y) ? 366 : 365; }
 
 int64_t daysInMonth(int64_t m, int64_t y) {
   switch (m) {
-    case 1: case 3: case 5: case 7: case 8: case 10: case 12:
+    case 1:
+    case 3:
+    case 5:
+    case 7:
+    case 8:
+    case 10:
+    case 12:
       return 31;
-    case 4: case 6: case 9: case 11:
+    case 4:
+    case 6:
+    case 9:
+    case 11:
       return 30;
     case 2:
       return isLeapYear(y) ? 29 : 28;

@@ -25,7 +25,7 @@ Ref<TWWarpTenProgress> TWWarpTenProgress::warpTenProgressWithUpdateBlock(UpdateB
 }
 
 Ref<TWWarpTenProgress> TWWarpTenProgress::warpTenProgressWithHalfLifeUpdateBlock(double halfLife,
-                                                                                UpdateBlock updateBlock) {
+                                                                                 UpdateBlock updateBlock) {
   auto progress = make<TWWarpTenProgress>(halfLife, std::move(updateBlock));
   progress->startProgress();
   return progress;

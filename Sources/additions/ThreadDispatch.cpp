@@ -19,7 +19,9 @@ const Value& coalescingDictionaryKey() {
   return key;
 }
 
-DispatchCoalescingDictionary& currentThreadSlots() { return dispatchAfterCoalescingDictionary(*Thread::currentThread()); }
+DispatchCoalescingDictionary& currentThreadSlots() {
+  return dispatchAfterCoalescingDictionary(*Thread::currentThread());
+}
 
 }  // namespace
 
@@ -114,7 +116,8 @@ void dispatchAfterCoalescingTokenBlock(Thread& thread, double delay, DispatchOnc
     };
     slots[slotKey] = wrapper;
     // The delayed request holds the wrapper; the slot only names it.
-    loop.performAfterDelay(delay, [wrapper] { tw_executeBlock(*wrapper); }, identity);
+    loop.performAfterDelay(
+        delay, [wrapper] { tw_executeBlock(*wrapper); }, identity);
   });
 }
 

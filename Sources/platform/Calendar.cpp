@@ -99,9 +99,8 @@ TimeZone TimeZone::gmt() {
 }
 
 std::optional<TimeZone> TimeZone::withIdentifier(std::string_view identifier) {
-  std::unique_ptr<icu::TimeZone> zone(
-      icu::TimeZone::createTimeZone(icu::UnicodeString::fromUTF8(icu::StringPiece(identifier.data(),
-                                                                                  static_cast<int32_t>(identifier.size())))));
+  std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::createTimeZone(
+      icu::UnicodeString::fromUTF8(icu::StringPiece(identifier.data(), static_cast<int32_t>(identifier.size())))));
   if (!zone || *zone == icu::TimeZone::getUnknown()) return std::nullopt;
   return TimeZone(makeRules(zone.release()));
 }
@@ -265,8 +264,8 @@ DateComponents Calendar::componentsFromDateToDate(uint32_t units, Date from, Dat
 }
 
 std::vector<std::string> Calendar::weekdaySymbols(std::string_view localeIdentifier) {
-  const icu::Locale locale = localeIdentifier.empty() ? icu::Locale::getDefault()
-                                                      : icu::Locale(std::string(localeIdentifier).c_str());
+  const icu::Locale locale =
+      localeIdentifier.empty() ? icu::Locale::getDefault() : icu::Locale(std::string(localeIdentifier).c_str());
   UErrorCode status = U_ZERO_ERROR;
   icu::DateFormatSymbols symbols(locale, status);
   std::vector<std::string> names;

@@ -201,7 +201,8 @@ void RunLoop::runFor(double seconds) {
   Impl& impl = *impl_;
   if (impl.stopRequested.exchange(false)) return;
   if (!(seconds > 0)) seconds = 0;
-  impl.context.run_for(std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(std::min(seconds, 3.2e9))));
+  impl.context.run_for(
+      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(std::min(seconds, 3.2e9))));
   impl.stopRequested.store(false);
   impl.context.restart();
 }

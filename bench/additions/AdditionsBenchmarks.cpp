@@ -205,8 +205,8 @@ void BM_HinnantMonthLengthAndLeapYear(benchmark::State& state) {
   for (auto _ : state) {
     const TWDatePickerDate& d = dates[i++ & 4095];
     const date::year y{static_cast<int>(d.year)};
-    benchmark::DoNotOptimize(static_cast<unsigned>((y / date::month{static_cast<unsigned>(d.month)} / date::last).day()) +
-                             y.is_leap());
+    benchmark::DoNotOptimize(
+        static_cast<unsigned>((y / date::month{static_cast<unsigned>(d.month)} / date::last).day()) + y.is_leap());
   }
 }
 BENCHMARK(BM_HinnantMonthLengthAndLeapYear)->Iterations(kMillion);
@@ -275,9 +275,8 @@ void BM_CoalescedDelayFromLastRequest(benchmark::State& state) {
       Clock::time_point last;
       for (int i = 0; i < 10; ++i) {
         last = Clock::now();
-        dispatchAfterCoalescingTokenBlock(*worker, 0.01, token, [&ranAt] {
-          ranAt = Clock::now().time_since_epoch().count();
-        });
+        dispatchAfterCoalescingTokenBlock(*worker, 0.01, token,
+                                          [&ranAt] { ranAt = Clock::now().time_since_epoch().count(); });
       }
       while (ranAt.load() == 0) std::this_thread::sleep_for(std::chrono::microseconds(200));
       const Clock::time_point ran{Clock::duration(ranAt.load())};

@@ -261,8 +261,8 @@ TWDatePickerDate walkValidate(TWDatePickerDate date) {
 
 ::testing::AssertionResult same(TWDatePickerDate a, TWDatePickerDate b) {
   if (TWDatePickerDateIsEqualToDate(a, b)) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << a.year << "-" << a.month << "-" << a.day << " vs " << b.year << "-"
-                                       << b.month << "-" << b.day;
+  return ::testing::AssertionFailure() << a.year << "-" << a.month << "-" << a.day << " vs " << b.year << "-" << b.month
+                                       << "-" << b.day;
 }
 
 TEST(DatePickerDate, DocumentedCasesAndDayCountModel) {

@@ -151,7 +151,8 @@ TEST(ThreadDispatch, CoalescingOnTheThreadItselfBooksAtOnce) {
   static DispatchOnceToken token{0};
   dispatchSyncBlock(*worker, [&] {
     Thread& self = *Thread::currentThread();
-    for (int i = 0; i < 1000; ++i) dispatchAfterCoalescingTokenBlock(self, 0.05, token, [&journal, i] { journal.add(i); });
+    for (int i = 0; i < 1000; ++i)
+      dispatchAfterCoalescingTokenBlock(self, 0.05, token, [&journal, i] { journal.add(i); });
     EXPECT_EQ(1u, dispatchAfterCoalescingDictionary(self).count(-1));
     EXPECT_EQ(1u, self.runLoop()->pendingDelayedTaskCount());
   });
@@ -179,7 +180,8 @@ TEST(WarpTenProgress, CurveSamplingAndTimer) {
   EXPECT_DOUBLE_EQ(0.1, samples[2]);
   EXPECT_DOUBLE_EQ(1 - 1 / 1.005, samples[3]);
   EXPECT_DOUBLE_EQ(0.9, samples[18]);
-  EXPECT_TRUE(TWWarpTenProgress::warpTenSamplePointsAndValuesWithDurationSamplingFrequencyHalfLife(0.05, 10, 20).size() == 2);
+  EXPECT_TRUE(
+      TWWarpTenProgress::warpTenSamplePointsAndValuesWithDurationSamplingFrequencyHalfLife(0.05, 10, 20).size() == 2);
   EXPECT_TRUE(TWWarpTenProgress::warpTenSamplePointsAndValuesWithDurationSamplingFrequencyHalfLife(0, 10, 20).empty());
   EXPECT_TRUE(
       TWWarpTenProgress::warpTenSamplePointsAndValuesWithDurationSamplingFrequencyHalfLife(std::nan(""), 1, 1).empty());

@@ -74,8 +74,8 @@ TEST(RuntimeHelpers, NumberKindsCatchingAndDelayedCalls) {
 TEST(RuntimeHelpers, UserDefaultsReadTheHostStoreWithDefaults) {
   EXPECT_EQ(5, integerForKeyWithDefault("n", 5));  // no store
   std::map<std::string, Value, std::less<>> stored = {
-      {"yes", Value("YES")},    {"zero", Value("  -00")}, {"on", Value(true)},   {"n", Value(42)},
-      {"real", Value(-2.75)},   {"text", Value(" 17 ")},  {"junk", Value("1x")}, {"huge", Value(1e300)},
+      {"yes", Value("YES")},      {"zero", Value("  -00")}, {"on", Value(true)},   {"n", Value(42)},
+      {"real", Value(-2.75)},     {"text", Value(" 17 ")},  {"junk", Value("1x")}, {"huge", Value(1e300)},
       {"list", Value::array({})}, {"name", Value("Ada")},
   };
   setUserDefaultsStore([&](std::string_view key) -> std::optional<Value> {
@@ -118,8 +118,12 @@ TEST(RuntimeHelpers, BaseDirectoriesAndScaledResources) {
   EXPECT_EQ((std::vector<std::string>{"/usr/local/share", "/usr/share"}), d.dataDirs);
   EXPECT_EQ((std::vector<std::string>{"/etc/xdg"}), d.configDirs);
   // Relative and empty settings are ignored.
-  environment = {{"HOME", "/h"},           {"XDG_DATA_HOME", "relative/data"}, {"XDG_CONFIG_HOME", ""},
-                 {"XDG_CACHE_HOME", "/c"}, {"XDG_RUNTIME_DIR", "/run/user/1"}, {"XDG_DATA_DIRS", "/a::b:/c/"},
+  environment = {{"HOME", "/h"},
+                 {"XDG_DATA_HOME", "relative/data"},
+                 {"XDG_CONFIG_HOME", ""},
+                 {"XDG_CACHE_HOME", "/c"},
+                 {"XDG_RUNTIME_DIR", "/run/user/1"},
+                 {"XDG_DATA_DIRS", "/a::b:/c/"},
                  {"XDG_CONFIG_DIRS", "x:y"}};
   d = xdgBaseDirectories(lookup);
   EXPECT_EQ("/h/.local/share", d.dataHome);

@@ -62,8 +62,8 @@ class TWWarpTenProgress : public Object {
   // is below 1 (or not a number); throws Exception (invalid argument) when n
   // would exceed 2^28 samples.
   static std::vector<double> warpTenSamplePointsAndValuesWithDurationSamplingFrequencyHalfLife(double duration,
-                                                                                              double frequency,
-                                                                                              double halfLife);
+                                                                                               double frequency,
+                                                                                               double halfLife);
 
  private:
   double progress_ = 0;
