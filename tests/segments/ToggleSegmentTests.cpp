@@ -439,7 +439,7 @@ Item* randomItem(Tree& tree, Rng& rng) {
 }
 
 TEST(SegmentTrees, EveryPassPublishesTheChangeOfEverySegmentsRows) {
-  const int kTrees = 500, kSteps = 40;
+  const int kTrees = 200, kSteps = 40;
   int64_t checkedPasses = 0;
   for (int treeNumber = 0; treeNumber < kTrees; ++treeNumber) {
     const uint64_t seed = kSeed + static_cast<uint64_t>(treeNumber);
