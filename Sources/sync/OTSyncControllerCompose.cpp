@@ -19,7 +19,6 @@
 // branches costs O(n) for the growth plus the appending of the chosen
 // components' operations.
 #include <cstdint>
-#include <unordered_map>
 #include <vector>
 
 #include "loomwork/sync/OTSyncController.h"
@@ -40,22 +39,65 @@ bool leadsForward(const OTPathComponent& component) {
   return to.serverIndex() >= from.serverIndex() && to.clientIndex() >= from.clientIndex() && !(to == from);
 }
 
+// An open-addressing table from state to group number. States along a line
+// (one index fixed, the other counting up) land in neighbouring slots, so
+// building it and walking a chain through it stay in cache.
+class StateTable {
+ public:
+  explicit StateTable(size_t count) {
+    size_t capacity = 16;
+    while (capacity < 2 * count) capacity *= 2;
+    slots_.assign(capacity, Slot{OTState(), UINT32_MAX});
+    mask_ = capacity - 1;
+  }
+  // The group stored for the state, storing `group` first when there is none.
+  uint32_t& findOrInsert(const OTState& state, uint32_t group) {
+    for (size_t i = position(state);; i = (i + 1) & mask_) {
+      Slot& slot = slots_[i];
+      if (slot.group == UINT32_MAX) {
+        slot = {state, group};
+        return slot.group;
+      }
+      if (slot.state == state) return slot.group;
+    }
+  }
+  // UINT32_MAX when the state has no group.
+  uint32_t find(const OTState& state) const {
+    for (size_t i = position(state);; i = (i + 1) & mask_) {
+      const Slot& slot = slots_[i];
+      if (slot.group == UINT32_MAX || slot.state == state) return slot.group;
+    }
+  }
+
+ private:
+  struct Slot {
+    OTState state;
+    uint32_t group;
+  };
+  size_t position(const OTState& state) const {
+    return static_cast<size_t>(static_cast<uint64_t>(state.serverIndex()) + static_cast<uint64_t>(state.clientIndex())) &
+           mask_;
+  }
+  std::vector<Slot> slots_;
+  size_t mask_;
+};
+
 }  // namespace
 
 Ref<OTPathComponent> OTSyncController::composePathComponentsFromStateUpToState(
     const std::vector<Ref<OTPathComponent>>& components, const OTState& start, const std::optional<OTState>& target) {
   // Candidates by start state, in the order given. Components that do not lead
   // forward would let the growth run forever; they are never used.
-  std::unordered_map<OTState, uint32_t, OTStateHash> groupOfState;
+  StateTable groupOfState(components.size());
   std::vector<uint32_t> groupOfComponent(components.size(), UINT32_MAX);
   std::vector<uint32_t> groupStart(1, 0);
   for (size_t i = 0; i < components.size(); ++i) {
     const OTPathComponent* component = components[i].get();
     if (!component || !component->fromState() || !component->toState() || !leadsForward(*component)) continue;
-    auto [it, inserted] = groupOfState.try_emplace(*component->fromState(), static_cast<uint32_t>(groupStart.size() - 1));
-    if (inserted) groupStart.push_back(0);
-    groupOfComponent[i] = it->second;
-    ++groupStart[it->second + 1];
+    uint32_t& group = groupOfState.findOrInsert(*component->fromState(), static_cast<uint32_t>(groupStart.size() - 1));
+    if (group == groupStart.size() - 1) groupStart.push_back(0);
+    groupOfComponent[i] = group;
+    ++groupStart[group + 1];
   }
   for (size_t g = 1; g < groupStart.size(); ++g) groupStart[g] += groupStart[g - 1];
   std::vector<int32_t> candidates(groupStart.back());
@@ -65,9 +107,9 @@ Ref<OTPathComponent> OTSyncController::composePathComponentsFromStateUpToState(
       if (groupOfComponent[i] != UINT32_MAX) candidates[fill[groupOfComponent[i]]++] = static_cast<int32_t>(i);
   }
   auto candidatesFrom = [&](const OTState& state) -> std::pair<const int32_t*, const int32_t*> {
-    auto it = groupOfState.find(state);
-    if (it == groupOfState.end()) return {nullptr, nullptr};
-    return {candidates.data() + groupStart[it->second], candidates.data() + groupStart[it->second + 1]};
+    const uint32_t group = groupOfState.find(state);
+    if (group == UINT32_MAX) return {nullptr, nullptr};
+    return {candidates.data() + groupStart[group], candidates.data() + groupStart[group + 1]};
   };
 
   std::vector<PathNode> nodes{{-1, -1, start}};
