@@ -35,9 +35,9 @@ struct Checker : LWURLDetectionOperationDelegate {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   // The first byte picks the kinds, so that links alone are fuzzed as often as all of them.
-  const uint64_t types = size > 0 && (data[0] & 1) ? TextCheckingTypeLink
-                                                    : TextCheckingTypeLink | TextCheckingTypeAddress |
-                                                          TextCheckingTypePhoneNumber;
+  const uint64_t types = size > 0 && (data[0] & 1)
+                             ? TextCheckingTypeLink
+                             : TextCheckingTypeLink | TextCheckingTypeAddress | TextCheckingTypePhoneNumber;
   auto operation = make<LWURLDetectionOperation>(text, types);
   operation->setRegion(size > 1 && (data[1] & 1) ? "DE" : "US");
   auto checker = std::make_shared<Checker>();

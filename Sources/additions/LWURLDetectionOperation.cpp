@@ -147,8 +147,8 @@ std::optional<std::string> LWURLDetectionOperation::linkForMatch(const DataDetec
   if (match.url) return isValidURLString(*match.url) ? match.url : std::nullopt;
   if (!match.addressComponents.empty()) {
     std::string query;
-    for (std::string_view key : {kAddressStreetKey, kAddressCityKey, kAddressStateKey, kAddressZIPKey,
-                                 kAddressCountryKey}) {
+    for (std::string_view key :
+         {kAddressStreetKey, kAddressCityKey, kAddressStateKey, kAddressZIPKey, kAddressCountryKey}) {
       if (const auto part = match.addressComponent(key)) {
         if (!query.empty()) query += ", ";
         query += *part;

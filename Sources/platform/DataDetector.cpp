@@ -38,10 +38,14 @@ size_t illFormedLength(const unsigned char* s, size_t i, size_t n) noexcept {
   const unsigned char b = s[i];
   unsigned char lo = 0x80, hi = 0xBF;
   size_t needed;
-  if (b >= 0xC2 && b <= 0xDF) needed = 1;
-  else if (b >= 0xE0 && b <= 0xEF) needed = 2, lo = b == 0xE0 ? 0xA0 : 0x80, hi = b == 0xED ? 0x9F : 0xBF;
-  else if (b >= 0xF0 && b <= 0xF4) needed = 3, lo = b == 0xF0 ? 0x90 : 0x80, hi = b == 0xF4 ? 0x8F : 0xBF;
-  else return 1;
+  if (b >= 0xC2 && b <= 0xDF)
+    needed = 1;
+  else if (b >= 0xE0 && b <= 0xEF)
+    needed = 2, lo = b == 0xE0 ? 0xA0 : 0x80, hi = b == 0xED ? 0x9F : 0xBF;
+  else if (b >= 0xF0 && b <= 0xF4)
+    needed = 3, lo = b == 0xF0 ? 0x90 : 0x80, hi = b == 0xF4 ? 0x8F : 0xBF;
+  else
+    return 1;
   size_t k = 1;
   if (i + 1 < n && s[i + 1] >= lo && s[i + 1] <= hi) {
     ++k;
@@ -129,9 +133,7 @@ std::string DataDetector::defaultRegion() {
 namespace {
 // Where two matches overlap, a link wins; otherwise the earlier start wins,
 // then the longer match, then an address over a phone number.
-int rank(TextCheckingType type) {
-  return type == TextCheckingTypeLink ? 0 : type == TextCheckingTypeAddress ? 1 : 2;
-}
+int rank(TextCheckingType type) { return type == TextCheckingTypeLink ? 0 : type == TextCheckingTypeAddress ? 1 : 2; }
 
 bool overlapsLink(const std::vector<IndexRange>& links, IndexRange range) {
   auto it = std::upper_bound(links.begin(), links.end(), range.location,

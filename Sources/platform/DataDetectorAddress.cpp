@@ -33,26 +33,37 @@ bool inList(std::string_view word, const std::array<std::string_view, N>& list) 
 }
 
 constexpr std::array<std::string_view, 58> kSuffixes = {
-    "St", "Street", "Ave", "Avenue", "Av", "Blvd", "Boulevard", "Rd", "Road", "Dr", "Drive", "Ln", "Lane",
-    "Way", "Ct", "Court", "Pl", "Place", "Ter", "Terrace", "Pkwy", "Parkway", "Hwy", "Highway", "Cir",
-    "Circle", "Sq", "Square", "Trl", "Trail", "Plz", "Plaza", "Loop", "Aly", "Alley", "Row", "Pike", "Expy",
-    "Expressway", "Fwy", "Freeway", "Cres", "Crescent", "Walk", "Crossing", "Xing", "Run", "Pass", "Path",
-    "Point", "Pt", "Ridge", "Bend", "Cv", "Cove", "Commons", "Grove", "Heights"};
-constexpr std::array<std::string_view, 12> kDirections = {"N", "S", "E", "W", "NE", "NW", "SE", "SW",
-                                                          "North", "South", "East", "West"};
-constexpr std::array<std::string_view, 13> kUnits = {"Apt", "Apartment", "Suite", "Ste", "Unit", "Fl",
-                                                     "Floor", "Rm", "Room", "Bldg", "Building", "Dept", "Lot"};
+    "St",      "Street",  "Ave",      "Avenue",  "Av",       "Blvd",    "Boulevard", "Rd",     "Road",       "Dr",
+    "Drive",   "Ln",      "Lane",     "Way",     "Ct",       "Court",   "Pl",        "Place",  "Ter",        "Terrace",
+    "Pkwy",    "Parkway", "Hwy",      "Highway", "Cir",      "Circle",  "Sq",        "Square", "Trl",        "Trail",
+    "Plz",     "Plaza",   "Loop",     "Aly",     "Alley",    "Row",     "Pike",      "Expy",   "Expressway", "Fwy",
+    "Freeway", "Cres",    "Crescent", "Walk",    "Crossing", "Xing",    "Run",       "Pass",   "Path",       "Point",
+    "Pt",      "Ridge",   "Bend",     "Cv",      "Cove",     "Commons", "Grove",     "Heights"};
+constexpr std::array<std::string_view, 12> kDirections = {"N",  "S",  "E",     "W",     "NE",   "NW",
+                                                          "SE", "SW", "North", "South", "East", "West"};
+constexpr std::array<std::string_view, 13> kUnits = {"Apt", "Apartment", "Suite", "Ste",      "Unit", "Fl", "Floor",
+                                                     "Rm",  "Room",      "Bldg",  "Building", "Dept", "Lot"};
 constexpr std::array<std::string_view, 56> kStateCodes = {
     "AL", "AK", "AZ", "AR", "CA", "CO", "CT", "DE", "FL", "GA", "HI", "ID", "IL", "IN", "IA", "KS", "KY", "LA", "ME",
     "MD", "MA", "MI", "MN", "MS", "MO", "MT", "NE", "NV", "NH", "NJ", "NM", "NY", "NC", "ND", "OH", "OK", "OR", "PA",
     "RI", "SC", "SD", "TN", "TX", "UT", "VT", "VA", "WA", "WV", "WI", "WY", "DC", "PR", "GU", "VI", "AS", "MP"};
-constexpr std::array<std::string_view, 51> kStateNames = {
-    "Alabama", "Alaska", "Arizona", "Arkansas", "California", "Colorado", "Connecticut", "Delaware", "Florida",
-    "Georgia", "Hawaii", "Idaho", "Illinois", "Indiana", "Iowa", "Kansas", "Kentucky", "Louisiana", "Maine",
-    "Maryland", "Massachusetts", "Michigan", "Minnesota", "Mississippi", "Missouri", "Montana", "Nebraska",
-    "Nevada", "New Hampshire", "New Jersey", "New Mexico", "New York", "North Carolina", "North Dakota", "Ohio",
-    "Oklahoma", "Oregon", "Pennsylvania", "Rhode Island", "South Carolina", "South Dakota", "Tennessee", "Texas",
-    "Utah", "Vermont", "Virginia", "Washington", "West Virginia", "Wisconsin", "Wyoming", "District of Columbia"};
+constexpr std::array<std::string_view, 51> kStateNames = {"Alabama",        "Alaska",        "Arizona",
+                                                          "Arkansas",       "California",    "Colorado",
+                                                          "Connecticut",    "Delaware",      "Florida",
+                                                          "Georgia",        "Hawaii",        "Idaho",
+                                                          "Illinois",       "Indiana",       "Iowa",
+                                                          "Kansas",         "Kentucky",      "Louisiana",
+                                                          "Maine",          "Maryland",      "Massachusetts",
+                                                          "Michigan",       "Minnesota",     "Mississippi",
+                                                          "Missouri",       "Montana",       "Nebraska",
+                                                          "Nevada",         "New Hampshire", "New Jersey",
+                                                          "New Mexico",     "New York",      "North Carolina",
+                                                          "North Dakota",   "Ohio",          "Oklahoma",
+                                                          "Oregon",         "Pennsylvania",  "Rhode Island",
+                                                          "South Carolina", "South Dakota",  "Tennessee",
+                                                          "Texas",          "Utah",          "Vermont",
+                                                          "Virginia",       "Washington",    "West Virginia",
+                                                          "Wisconsin",      "Wyoming",       "District of Columbia"};
 
 // A word of the address and what separates it from the previous one.
 struct Token {
@@ -199,8 +210,7 @@ class AddressParser {
       if (zip + 1 < count && tokens_[zip + 1].lineBreaksBefore == 0) {
         if (word(zip + 1) == "USA" || word(zip + 1) == "US") {
           country = "USA", end = tokens_[zip + 1].begin + word(zip + 1).size();
-        } else if (zip + 2 < count && word(zip + 1) == "United" && word(zip + 2) == "States" &&
-                   !separated(zip + 2)) {
+        } else if (zip + 2 < count && word(zip + 1) == "United" && word(zip + 2) == "States" && !separated(zip + 2)) {
           country = "United States", end = tokens_[zip + 2].begin + word(zip + 2).size();
         }
       }

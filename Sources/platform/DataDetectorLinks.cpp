@@ -27,7 +27,7 @@ namespace loomwork {
 namespace {
 
 enum : uint8_t {
-  kHost = 1,       // letters, digits, '-'
+  kHost = 1,  // letters, digits, '-'
   kDigit = 2,
   kTrigger = 4,    // '.', ':', '@'
   kStop = 8,       // never inside a link: controls, space, < > " ` \ ^ { } | DEL
@@ -52,8 +52,8 @@ constexpr std::array<uint8_t, 256> makeClasses() {
     if (c == ':' || c == '@') bits |= kTrigger;
     if (c == ',' || c == ':' || c == ';' || c == '!' || c == '?' || c == '\'' || c == '"' || c == '*')
       bits |= kTrailing;
-    if (c <= 0x20 || c == 0x7F || c == '<' || c == '>' || c == '"' || c == '`' || c == '\\' || c == '^' ||
-        c == '{' || c == '}' || c == '|')
+    if (c <= 0x20 || c == 0x7F || c == '<' || c == '>' || c == '"' || c == '`' || c == '\\' || c == '^' || c == '{' ||
+        c == '}' || c == '|')
       bits |= kStop;
     table[static_cast<size_t>(c)] = bits;
   }
@@ -103,8 +103,14 @@ bool isHostCodePoint(char32_t c) {
 bool isUnspacedScript(char32_t c) {
   UErrorCode error = U_ZERO_ERROR;
   switch (uscript_getScript(static_cast<UChar32>(c), &error)) {
-    case USCRIPT_HAN: case USCRIPT_HIRAGANA: case USCRIPT_KATAKANA: case USCRIPT_HANGUL:
-    case USCRIPT_THAI: case USCRIPT_LAO: case USCRIPT_KHMER: case USCRIPT_MYANMAR:
+    case USCRIPT_HAN:
+    case USCRIPT_HIRAGANA:
+    case USCRIPT_KATAKANA:
+    case USCRIPT_HANGUL:
+    case USCRIPT_THAI:
+    case USCRIPT_LAO:
+    case USCRIPT_KHMER:
+    case USCRIPT_MYANMAR:
       return true;
     default:
       return false;
@@ -139,7 +145,7 @@ const std::unordered_set<std::string>& topLevelDomains() {
 // in one of them is a link only with a path ("setup.py" is a file name).
 bool isFileExtensionDomain(std::string_view tld) {
   static constexpr std::string_view kExtensions[] = {"md", "py", "sh", "pl", "pm", "rs", "zip", "mov", "so",
-                                                     "cc", "ml", "mk", "sv", "tf", "ps", "mp", "java"};
+                                                     "cc", "ml", "mk", "sv", "tf", "ps", "mp",  "java"};
   for (std::string_view e : kExtensions)
     if (equalsIgnoringASCIICase(e, tld)) return true;
   return false;
@@ -182,7 +188,8 @@ HostShape shapeOfHost(std::string_view host) {
   size_t start = 0;
   while (true) {
     const size_t dot = host.find('.', start);
-    const std::string_view label = host.substr(start, dot == std::string_view::npos ? std::string_view::npos : dot - start);
+    const std::string_view label =
+        host.substr(start, dot == std::string_view::npos ? std::string_view::npos : dot - start);
     if (label.empty() || label.size() > 63 * 4 || label.front() == '-' || label.back() == '-') return shape;
     bool numeric = true;
     bool letter = false;
@@ -235,9 +242,15 @@ class LinkScanner {
       if (i >= n_) break;
       size_t next;
       switch (t_[i]) {
-        case ':': next = onColon(i); break;
-        case '@': next = onAt(i); break;
-        default: next = onDot(i); break;
+        case ':':
+          next = onColon(i);
+          break;
+        case '@':
+          next = onAt(i);
+          break;
+        default:
+          next = onDot(i);
+          break;
       }
       i = std::max(next, i + 1);
     }
@@ -383,7 +396,8 @@ class LinkScanner {
     if (!splitAtDots && runEnd < n_ && t_[runEnd] == '@') return runEnd;  // a local part
     const size_t resume = splitAtDots ? end + 1 : runEnd;
     if (start >= end || !leftBoundaryAllowsHost(start) || (start > 0 && t_[start - 1] == '@') ||
-        (end == runEnd && !rightBoundaryAllowsHost(end)) || (end < runEnd && end + 1 == runEnd && !rightBoundaryAllowsHost(runEnd))) {
+        (end == runEnd && !rightBoundaryAllowsHost(end)) ||
+        (end < runEnd && end + 1 == runEnd && !rightBoundaryAllowsHost(runEnd))) {
       floor_ = resume;
       return resume;
     }
@@ -393,7 +407,8 @@ class LinkScanner {
     if (shape.valid && shape.labels >= 2) {
       const bool www = shape.labels >= 3 && equalsIgnoringASCIICase(host.substr(0, 4), "www.");
       const bool followedByPath = end < n_ && t_[end] == '/';
-      const bool followedByPortOrPath = followedByPath || (end + 1 < n_ && t_[end] == ':' && (cls(t_[end + 1]) & kDigit));
+      const bool followedByPortOrPath =
+          followedByPath || (end + 1 < n_ && t_[end] == ':' && (cls(t_[end + 1]) & kDigit));
       if (shape.ipv4) {
         accept = followedByPortOrPath;
       } else if (www) {

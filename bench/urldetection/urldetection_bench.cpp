@@ -23,20 +23,48 @@ using namespace loomwork;
 
 std::string mixedProse(size_t bytes, unsigned seed = 7) {
   static const char* words[] = {
-      "the", "meeting", "notes", "from", "yesterday", "are", "attached", "and", "we", "should", "review", "them",
-      "before", "Friday", "project", "plan", "budget", "update", "please", "check", "with", "team", "about",
-      "release", "schedule", "customer", "feedback", "was", "positive", "overall", "but", "some", "issues",
-      "remain", "open", "in", "tracker", "it", "is", "a", "good", "idea", "to", "write", "down", "everything",
-      "Die", "Besprechung", "wurde", "verschoben", "auf", "nächste", "Woche", "Grüße", "Straße", "für",
-      "встреча", "перенесена", "на", "завтра", "会议", "改到", "明天", "下午", "café", "naïve", "résumé"};
-  static const char* extras[] = {
-      "https://example.com/docs/index.html", "http://intranet.example.org:8080/wiki/Plan_(2024)?rev=3#notes",
-      "www.example.net/path", "github.com/org/repo/issues/42", "docs.python.org/3/library/re.html",
-      "news.example.co.uk", "mailto:team@example.org", "john.doe@example.com", "support+tickets@mail.example.io",
-      "v1.2.3", "2.0.1", "notes.txt", "node.js", "setup.py", "3.14", "99.5%", "05.10.1986", "3/10/1984",
-      "2024-01-15", "(415) 555-0132", "+44 20 7946 0958", "1600 Amphitheatre Parkway, Mountain View, CA 94043",
-      "message:%3C1234.5678@mail.example.com%3E", "e.g.", "i.e.", "U.S.", "Mr.", "ticket #98765", "12:30",
-      "https://de.wikipedia.org/wiki/Köln", "bücher.de", "😀", "…"};
+      "the",      "meeting",    "notes",    "from",    "yesterday", "are",        "attached", "and",
+      "we",       "should",     "review",   "them",    "before",    "Friday",     "project",  "plan",
+      "budget",   "update",     "please",   "check",   "with",      "team",       "about",    "release",
+      "schedule", "customer",   "feedback", "was",     "positive",  "overall",    "but",      "some",
+      "issues",   "remain",     "open",     "in",      "tracker",   "it",         "is",       "a",
+      "good",     "idea",       "to",       "write",   "down",      "everything", "Die",      "Besprechung",
+      "wurde",    "verschoben", "auf",      "nächste", "Woche",     "Grüße",      "Straße",   "für",
+      "встреча",  "перенесена", "на",       "завтра",  "会议",      "改到",       "明天",     "下午",
+      "café",     "naïve",      "résumé"};
+  static const char* extras[] = {"https://example.com/docs/index.html",
+                                 "http://intranet.example.org:8080/wiki/Plan_(2024)?rev=3#notes",
+                                 "www.example.net/path",
+                                 "github.com/org/repo/issues/42",
+                                 "docs.python.org/3/library/re.html",
+                                 "news.example.co.uk",
+                                 "mailto:team@example.org",
+                                 "john.doe@example.com",
+                                 "support+tickets@mail.example.io",
+                                 "v1.2.3",
+                                 "2.0.1",
+                                 "notes.txt",
+                                 "node.js",
+                                 "setup.py",
+                                 "3.14",
+                                 "99.5%",
+                                 "05.10.1986",
+                                 "3/10/1984",
+                                 "2024-01-15",
+                                 "(415) 555-0132",
+                                 "+44 20 7946 0958",
+                                 "1600 Amphitheatre Parkway, Mountain View, CA 94043",
+                                 "message:%3C1234.5678@mail.example.com%3E",
+                                 "e.g.",
+                                 "i.e.",
+                                 "U.S.",
+                                 "Mr.",
+                                 "ticket #98765",
+                                 "12:30",
+                                 "https://de.wikipedia.org/wiki/Köln",
+                                 "bücher.de",
+                                 "😀",
+                                 "…"};
   std::mt19937 random(seed);
   std::string text;
   text.reserve(bytes + 256);
@@ -108,24 +136,47 @@ std::string hostile(int kind, size_t bytes) {
     while (s.size() < bytes) s += piece;
   };
   switch (kind) {
-    case 0: repeat("abcdefgh"); break;                         // no spaces
-    case 1: repeat("."); break;                                // dots
-    case 2: repeat("😀e\u0301\u0301"); break;                  // emoji and combining marks
-    case 3: s = "http://example.com/"; repeat("(("); s.append(s.size(), ')'); break;  // deep brackets
-    case 4: s = "https://example.com/"; repeat("segment/"); break;  // one enormous URL
-    case 5: repeat("a.b@c."); break;                           // e-mail-like debris
-    case 6: repeat("\xff\xfe\xc3"); break;                     // invalid UTF-8
-    case 7: repeat("1.2.3.4."); break;                         // digits and dots (phones see them too)
-    case 8: repeat("message:"); break;                         // one endless message reference
-    case 9: repeat("12.34.56.78.90.12.34 x "); break;          // costly phone candidates, each on its own
+    case 0:
+      repeat("abcdefgh");
+      break;  // no spaces
+    case 1:
+      repeat(".");
+      break;  // dots
+    case 2:
+      repeat("😀e\u0301\u0301");
+      break;  // emoji and combining marks
+    case 3:
+      s = "http://example.com/";
+      repeat("((");
+      s.append(s.size(), ')');
+      break;  // deep brackets
+    case 4:
+      s = "https://example.com/";
+      repeat("segment/");
+      break;  // one enormous URL
+    case 5:
+      repeat("a.b@c.");
+      break;  // e-mail-like debris
+    case 6:
+      repeat("\xff\xfe\xc3");
+      break;  // invalid UTF-8
+    case 7:
+      repeat("1.2.3.4.");
+      break;  // digits and dots (phones see them too)
+    case 8:
+      repeat("message:");
+      break;  // one endless message reference
+    case 9:
+      repeat("12.34.56.78.90.12.34 x ");
+      break;  // costly phone candidates, each on its own
   }
   return s;
 }
 
 void BM_Hostile(benchmark::State& state) {
   const std::string text = hostile(int(state.range(0)), size_t(state.range(1)));
-  auto operation = make<LWURLDetectionOperation>(text, TextCheckingTypeLink | TextCheckingTypeAddress |
-                                                           TextCheckingTypePhoneNumber);
+  auto operation =
+      make<LWURLDetectionOperation>(text, TextCheckingTypeLink | TextCheckingTypeAddress | TextCheckingTypePhoneNumber);
   for (auto _ : state) {
     auto op = make<LWURLDetectionOperation>(text, operation->types());
     op->setRegion("US");

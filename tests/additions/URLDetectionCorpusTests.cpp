@@ -80,8 +80,8 @@ TEST(URLDetectionCorpus, PrecisionAndRecallPerKind) {
     }
     std::set<Expected> expected;
     const std::string text = parseLine(line, expected);
-    auto operation = make<LWURLDetectionOperation>(text, TextCheckingTypeLink | TextCheckingTypeAddress |
-                                                             TextCheckingTypePhoneNumber);
+    auto operation = make<LWURLDetectionOperation>(
+        text, TextCheckingTypeLink | TextCheckingTypeAddress | TextCheckingTypePhoneNumber);
     operation->setRegion(region);
     auto collector = std::make_shared<Collector>();
     operation->setDelegate(collector);
@@ -93,9 +93,11 @@ TEST(URLDetectionCorpus, PrecisionAndRecallPerKind) {
       actual.emplace(kindOfURL(collector->urls[k]), collector->ranges[k].location, collector->ranges[k].length);
     for (const Expected& e : expected) {
       ++expectedCount[std::get<0>(e)];
-      if (actual.count(e)) ++truePositives[std::get<0>(e)];
-      else misses.push_back("line " + std::to_string(lineNumber) + ": missed " + std::get<0>(e) + " at " +
-                            std::to_string(std::get<1>(e)) + "+" + std::to_string(std::get<2>(e)));
+      if (actual.count(e))
+        ++truePositives[std::get<0>(e)];
+      else
+        misses.push_back("line " + std::to_string(lineNumber) + ": missed " + std::get<0>(e) + " at " +
+                         std::to_string(std::get<1>(e)) + "+" + std::to_string(std::get<2>(e)));
     }
     for (size_t k = 0; k < collector->urls.size(); ++k) {
       const Expected a{kindOfURL(collector->urls[k]), collector->ranges[k].location, collector->ranges[k].length};
@@ -113,7 +115,8 @@ TEST(URLDetectionCorpus, PrecisionAndRecallPerKind) {
   for (const auto& [kind, name] : names) {
     const int tp = truePositives[kind], f = found[kind], e = expectedCount[kind];
     allCorrect += tp, allFound += f, allExpected += e;
-    std::printf("  %-10s %9d %5d %7d %9.3f %6.3f\n", name, e, f, tp, f ? double(tp) / f : 1.0, e ? double(tp) / e : 1.0);
+    std::printf("  %-10s %9d %5d %7d %9.3f %6.3f\n", name, e, f, tp, f ? double(tp) / f : 1.0,
+                e ? double(tp) / e : 1.0);
     EXPECT_GT(e, 0) << name;
   }
   // The corpus is this detector's own yardstick: a regression shows up here.

@@ -48,7 +48,9 @@ class LWURLDetectionOperationDelegate {
 // main thread, where it calls the delegate unless the operation has been
 // cancelled by then. The delegate is held weakly: one that is gone by then is
 // not called. cancel() and the delegate may be used from any thread; the
-// string and the types are fixed at construction.
+// string and the types are fixed at construction. Make the operation with
+// make<>(): the posted report holds it through its shared pointer, so the
+// host may drop its own reference once it has been queued.
 class LWURLDetectionOperation : public Object {
  public:
   // initWithString:types: — `types` is a bit set of TextCheckingType: 32 links,
