@@ -1,6 +1,7 @@
 #include "PathScorer.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace rank {
 
@@ -105,8 +106,8 @@ void PathScorer::prepare(Word& word, const std::string& text) {
 
 // Rewrites the file name in mapped_ for the word: "_" and "-", and "." at the
 // start of a component (".bashrc"), become spaces unless the word holds them.
-// Byte offsets stay those of the line; the directories follow on demand
-// (splitDirectories()).
+// Byte offsets stay those of the line; directory names are mapped (mapRange())
+// when they are scored.
 void PathScorer::mapFor(const Word& word) {
   const int pattern = keepPattern(word.keep);
   if (pattern == mappedFor_) return;
@@ -119,7 +120,6 @@ void PathScorer::mapFor(const Word& word) {
   mappedFor_ = pattern;
   mapped_.resize(line_.size());
   mapRange(file_.begin, file_.end);
-  directoriesMapped_ = false;
   spannedValid_ = false;
 }
 
@@ -133,30 +133,27 @@ void PathScorer::mapRange(size_t begin, size_t end) {
   }
 }
 
-// Finds the directory names (once per line) and maps them for the word.
+// Finds the directory names, once per line.
 void PathScorer::splitDirectories() {
-  if (!directoriesSplit_) {
-    directoriesSplit_ = true;
-    directories_.clear();
-    if (file_.begin > 0) {
-      size_t stop = file_.begin - 1;  // the slash before the file name
-      while (stop > 0) {
-        const size_t previous = line_.rfind('/', stop - 1);
-        const size_t begin = previous == std::string_view::npos ? 0 : previous + 1;
-        if (begin < stop) directories_.push_back(Part{begin, stop});
-        if (previous == std::string_view::npos) break;
-        stop = previous;
-      }
-    }
+  if (directoriesSplit_) return;
+  directoriesSplit_ = true;
+  directories_.clear();
+  heldPrefixes_.clear();
+  // Forward with memchr, then nearest first.
+  const char* text = line_.data();
+  size_t begin = 0;
+  while (begin < file_.begin) {
+    const void* slash = std::memchr(text + begin, '/', file_.begin - begin);
+    const size_t end = slash ? static_cast<size_t>(static_cast<const char*>(slash) - text) : file_.begin;
+    if (end > begin) directories_.push_back(Part{begin, end});
+    begin = end + 1;
   }
-  if (!directoriesMapped_) {
-    directoriesMapped_ = true;
-    mapRange(0, file_.begin);
-  }
+  std::reverse(directories_.begin(), directories_.end());
 }
 
 // Whether the word's first `length` bytes (simple ASCII) are a subsequence of
 // the line's part; the part is simple ASCII too.
+
 // How many of the word's first characters (from `from` on) are a subsequence
 // of the line's part, with both simple ASCII.
 size_t PathScorer::heldPrefix(const Word& word, size_t from, Part part) const {
@@ -192,19 +189,24 @@ float PathScorer::directoryScore(Word& word, size_t cut, bool fast) {
   float& cached = word.directoryScores[cut];
   if (cached >= 0.0f) return cached;
   splitDirectories();
+  if (fast && heldPrefixes_.empty()) heldPrefixes_.assign(directories_.size(), SIZE_MAX);
   loomwork::AbbreviationScorer& head = word.heads[cut - 1];
   const size_t length = word.cuts[cut];
-  const std::string_view mapped = mapped_;
-  if (fast && heldPrefixes_.empty()) {
-    for (const Part& part : directories_) heldPrefixes_.push_back(heldPrefix(word, 0, part));
-  }
   float best = 0.0f;
   float factor = 1.0f;
   for (size_t j = 0; j < directories_.size(); ++j) {
     if (factor <= best) break;  // no farther directory can do better
     const Part& part = directories_[j];
+    if (fast && heldPrefixes_[j] == SIZE_MAX) heldPrefixes_[j] = heldPrefix(word, 0, part);
     if (!fast || heldPrefixes_[j] >= length) {
-      best = std::max(best, head.score(mapped.substr(part.begin, part.end - part.begin)) * factor);
+      // The cache knows names by their text in the line, which the word's
+      // mapping turns into one text only; map it on a miss.
+      const float score =
+          word.directoryNames.score(line_.substr(part.begin, part.end - part.begin), cut, word.heads.size() + 1, [&] {
+            mapRange(part.begin, part.end);
+            return head.score(std::string_view(mapped_).substr(part.begin, part.end - part.begin));
+          });
+      best = std::max(best, score * factor);
     }
     factor *= kDistanceDecay;
   }
@@ -219,6 +221,7 @@ float PathScorer::spanningScore(Word& word, size_t cut, bool fast) {
   splitDirectories();
   if (directories_.empty()) return cached;
   if (!spannedValid_) {
+    mapRange(0, directories_.front().end);
     spanned_.assign(std::string_view(mapped_).substr(0, directories_.front().end));
     std::replace(spanned_.begin(), spanned_.end(), '/', ' ');
     spannedValid_ = true;
@@ -313,7 +316,9 @@ float PathScorer::scoreWord(Word& word, bool simpleLine) {
   // that get here match better some other way, and the joined directories
   // are the longest text to score.
   for (const auto& [cut, inFile] : spanning_) {
-    if (combined(cut, inFile, kSpanning) <= best) continue;
+    // A joined text never starts with a start of the word that no single
+    // name holds, so it misses the score's prefix bonus: at most 0.8.
+    if (combined(cut, inFile, 0.8f * kSpanning) <= best) continue;
     best = std::max(best, combined(cut, inFile, spanningScore(word, cut, fast)));
   }
   return best;

@@ -33,8 +33,10 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -45,6 +47,33 @@ namespace rank {
 
 // The words of a query, split at spaces and tabs; none for a blank query.
 std::vector<std::string> queryWords(std::string_view query);
+
+// Scores against names seen before: directory names repeat from path to path
+// ("usr", "lib", "python3"), and a score depends only on the name. Holds at
+// most 65,536 names, and starts again when full.
+class NameScores {
+ public:
+  // The index-th of `count` scores of the name, from score() when not known.
+  template <class Score>
+  float score(std::string_view name, size_t index, size_t count, Score&& score) {
+    auto found = scores_.find(name);
+    if (found == scores_.end()) {
+      if (scores_.size() >= kLimit) scores_.clear();
+      found = scores_.emplace(std::string(name), std::vector<float>(count, -1.0f)).first;
+    }
+    float& known = found->second[index];
+    if (known < 0.0f) known = score();
+    return known;
+  }
+
+ private:
+  static constexpr size_t kLimit = 65536;
+  struct Hash {
+    using is_transparent = void;
+    size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+  };
+  std::unordered_map<std::string, std::vector<float>, Hash, std::equal_to<>> scores_;
+};
 
 class PathScorer {
  public:
@@ -71,6 +100,7 @@ class PathScorer {
     // spanning scores found for them so far (-1 when not yet known).
     std::string directories;
     std::vector<float> directoryScores, spanningScores;
+    NameScores directoryNames;  // by cut
   };
   struct Part {
     size_t begin, end;
@@ -110,7 +140,6 @@ class PathScorer {
   int mappedFor_ = -1;                                // the keep[] pattern mapped_ holds, -1 before the first
   bool spannedValid_ = false;
   bool directoriesSplit_ = false;                   // directories_ holds this line's directories
-  bool directoriesMapped_ = false;                  // mapped_ holds them too
   std::vector<std::pair<size_t, float>> spanning_;  // cuts left to spanningScore(), with their file scores
 };
 
