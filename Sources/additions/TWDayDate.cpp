@@ -15,6 +15,14 @@ namespace loomwork {
 namespace {
 
 constexpr double kSecondsPerYear = 31536000.0;
+constexpr double kSecondsPerDay = 86400.0;
+// About ±2.9 million years: within what the calendar counts, and day counts
+// between two such dates fit its 32-bit differences.
+constexpr double kWholeDayRange = 9.2e13;
+
+bool isWholeDayInCalendarRange(double seconds) {
+  return std::fabs(seconds) <= kWholeDayRange && std::fmod(seconds, kSecondsPerDay) == 0;
+}
 
 // The local zone of the process: taken from the default zone on first use and
 // kept, so that a device that changes zones does not shift the days it made.
@@ -52,6 +60,10 @@ Date TWDayDate::_GMTDateForLocalDate(Date localDate) {
 }
 
 std::optional<Date> TWDayDate::_gmtDateAtMidnightForGMTDate(Date gmtDate) {
+  // Every GMT day is 86400 seconds long (the Julian-to-Gregorian change
+  // renames days, it does not shorten them), so a whole multiple of a day is
+  // already the midnight that the calendar would make of its fields.
+  if (isWholeDayInCalendarRange(gmtDate.secondsSince1970)) return gmtDate;
   Calendar& calendar = gmtCalendar();
   DateComponents c =
       calendar.componentsOfDate(CalendarUnitEra | CalendarUnitYear | CalendarUnitMonth | CalendarUnitDay, gmtDate);
@@ -123,6 +135,10 @@ Ref<TWDayDate> TWDayDate::dateByAddingDays(int64_t days) const {
 }
 
 int64_t TWDayDate::daysFromTo(const TWDayDate& from, const TWDayDate& to) {
+  // Between two GMT midnights the calendar counts exactly the elapsed days.
+  const double a = from.gmtDateAtMidnight_.secondsSince1970, b = to.gmtDateAtMidnight_.secondsSince1970;
+  if (isWholeDayInCalendarRange(a) && isWholeDayInCalendarRange(b))
+    return static_cast<int64_t>((b - a) / kSecondsPerDay);
   return gmtCalendar()
       .componentsFromDateToDate(CalendarUnitDay, from.gmtDateAtMidnight_, to.gmtDateAtMidnight_, 0)
       .day.value_or(0);

@@ -106,10 +106,7 @@ TEST(DayDate, DayArithmeticAgreesWithIcuFrom1500To1700) {
     ASSERT_EQ(icu.addDays(midnight, -1), day->previousDay()->gmtDateAtMidnight().secondsSince1970);
     ASSERT_EQ(1, TWDayDate::daysFromTo(day, next));
     ASSERT_EQ(-1, TWDayDate::daysFromTo(next, day));
-    // Long spans are slow to count in the calendar: every 61st day.
-    if (count % 61 == 0) {
-      ASSERT_EQ(-count, TWDayDate::daysFromTo(day, start));
-    }
+    ASSERT_EQ(-count, TWDayDate::daysFromTo(day, start));
     // The day made from its own components is itself.
     const DateComponents c = day->dateComponents();
     ASSERT_TRUE(ymd(*c.year, *c.month, *c.day)->isEqual(*day)) << day->description();
