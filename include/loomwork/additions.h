@@ -12,6 +12,7 @@
 #include "loomwork/additions/StringScoring.h"
 #include "loomwork/additions/PropertyListAdditions.h"
 #include "loomwork/additions/TWDayDate.h"
+#include "loomwork/additions/TWNestedMapTable.h"
 #include "loomwork/additions/LWURLDetectionOperation.h"
 #include "loomwork/additions/ThreadDispatch.h"
 #include "loomwork/additions/TWWarpTenProgress.h"
