@@ -1,6 +1,7 @@
 #include "PathScorer.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 
 namespace rank {
@@ -364,8 +365,15 @@ float PathScorer::score(std::string_view line) {
   line_ = line.substr(0, end);
   const size_t slash = end > 0 ? line_.rfind('/', end - 1) : std::string_view::npos;
   file_ = (slash == std::string_view::npos || slash + 1 == end) ? Part{0, end} : Part{slash + 1, end};
+  // An extension is up to 8 letters or digits after the last "." ("Dr. No"
+  // has none).
   const size_t dot = line_.rfind('.');
-  stem_ = (dot != std::string_view::npos && dot > file_.begin) ? Part{file_.begin, dot} : file_;
+  stem_ = file_;
+  if (dot != std::string_view::npos && dot > file_.begin && end - dot - 1 >= 1 && end - dot - 1 <= 8 &&
+      std::all_of(line_.begin() + static_cast<std::ptrdiff_t>(dot) + 1, line_.end(),
+                  [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; })) {
+    stem_ = Part{file_.begin, dot};
+  }
   directoriesSplit_ = false;
   mappedFor_ = -1;
 

@@ -19,7 +19,8 @@
 //   - "_" and "-" count as spaces (word starts), and a leading "." of a name
 //     counts as nothing (".bashrc" is named "bashrc"), unless the word holds
 //     them;
-//   - a name whose stem (the name without its extension) holds the letters
+//   - a name whose stem (the name without an extension of up to 8 letters
+//     and digits) holds the letters
 //     is scored by its stem, so "ttk.tcl" matches "ttk" as "ttk" does;
 //   - deeper paths score less: the score is divided by 1 + 0.003 per byte of
 //     the directories, so that of two equal matches the shallower one wins.
