@@ -13,8 +13,7 @@ void announce(const Object& object, const Ref<UGMutableEntityOperation>& operati
               bool composable) {
   auto transaction = UGMutableTransaction::transaction();
   transaction->setOperationForUUID(operation, universalGraphUUID(object));
-  initiateNotificationComposable(initiator, NPWNotification::notificationWithGraphTransaction(transaction),
-                                 composable);
+  initiateNotificationComposable(initiator, NPWNotification::notificationWithGraphTransaction(transaction), composable);
 }
 
 }  // namespace
@@ -22,19 +21,18 @@ void announce(const Object& object, const Ref<UGMutableEntityOperation>& operati
 void didUpdatePropertyInitiateNotificationFromComposable(const Object& object, std::string_view property,
                                                          Object* initiator, bool composable) {
   if (initiator == nullptr) return;
-  auto operation = UGMutableEntityOperation::operationWithTypeEntityName(UGEntityOperationTypeUpdate,
-                                                                         object.className());
+  auto operation =
+      UGMutableEntityOperation::operationWithTypeEntityName(UGEntityOperationTypeUpdate, object.className());
   operation->setValueForProperty(object.valueForKey(property).value_or(Value::null()), property);
   announce(object, operation, *initiator, composable);
 }
 
-void didUpdateRelationWithTransformInitiateNotificationFromComposable(const Object& object,
-                                                                      std::string_view relation,
+void didUpdateRelationWithTransformInitiateNotificationFromComposable(const Object& object, std::string_view relation,
                                                                       const Ref<UGListTransform>& transform,
                                                                       Object* initiator, bool composable) {
   if (initiator == nullptr || !transform) return;
-  auto operation = UGMutableEntityOperation::operationWithTypeEntityName(UGEntityOperationTypeUpdate,
-                                                                         object.className());
+  auto operation =
+      UGMutableEntityOperation::operationWithTypeEntityName(UGEntityOperationTypeUpdate, object.className());
   operation->setTransformForRelation(transform, relation);
   announce(object, operation, *initiator, composable);
 }

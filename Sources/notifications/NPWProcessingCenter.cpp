@@ -70,7 +70,8 @@ int64_t NPWProcessingCenter::processNotificationAtNodeContextDepth(const Ref<Obj
   std::vector<Ref<Object>> ordered = linearizedNextNodesForNodeContext(*node, context);
   int64_t count = 0;
   if (ordered == admitted) {
-    for (const Ref<Object>& successor : ordered) count += processNotificationAtNodeContextDepth(successor, context, depth + 1);
+    for (const Ref<Object>& successor : ordered)
+      count += processNotificationAtNodeContextDepth(successor, context, depth + 1);
   } else {
     struct Hash {
       size_t operator()(const Object* o) const { return o->hash(); }
@@ -81,7 +82,8 @@ int64_t NPWProcessingCenter::processNotificationAtNodeContextDepth(const Ref<Obj
     std::unordered_set<const Object*, Hash, Equal> allowed;
     for (const Ref<Object>& successor : admitted) allowed.insert(successor.get());
     for (const Ref<Object>& successor : ordered) {
-      if (allowed.count(successor.get()) != 0) count += processNotificationAtNodeContextDepth(successor, context, depth + 1);
+      if (allowed.count(successor.get()) != 0)
+        count += processNotificationAtNodeContextDepth(successor, context, depth + 1);
     }
   }
 

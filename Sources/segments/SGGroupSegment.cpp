@@ -57,7 +57,8 @@ void SGGroupSegment::insertSegmentsAtIndex(const std::vector<Ref<SGSegment>>& se
 
 void SGGroupSegment::moveSegmentAtIndexToIndex(int64_t from, int64_t to) {
   if (from < 0 || from >= childCount() || to < 0 || to >= childCount()) {
-    throw Exception(ExceptionKind::OutOfRange, "SGGroupSegment::moveSegmentAtIndexToIndex: index beyond the child list");
+    throw Exception(ExceptionKind::OutOfRange,
+                    "SGGroupSegment::moveSegmentAtIndexToIndex: index beyond the child list");
   }
   Ref<SGSegment> segment = segments_[static_cast<size_t>(from)];
   segments_.erase(segments_.begin() + from);

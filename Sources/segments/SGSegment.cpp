@@ -19,7 +19,8 @@ SGSegment::~SGSegment() = default;
 
 Ref<SGSegment> SGSegment::rootSegment() const {
   Ref<SGContainerSegment> parent = parentSegment();
-  if (!parent) return std::const_pointer_cast<SGSegment>(std::static_pointer_cast<const SGSegment>(weak_from_this().lock()));
+  if (!parent)
+    return std::const_pointer_cast<SGSegment>(std::static_pointer_cast<const SGSegment>(weak_from_this().lock()));
   while (Ref<SGContainerSegment> next = parent->parentSegment()) parent = std::move(next);
   return parent;
 }
@@ -152,8 +153,8 @@ std::string SGSegment::recursiveDescriptionForNotificationIndentation(NPWNotific
   return text;
 }
 
-std::string SGSegment::descriptionForTransformNameIndentation(const UGListTransform& transform,
-                                                              std::string_view name, int64_t indentation) const {
+std::string SGSegment::descriptionForTransformNameIndentation(const UGListTransform& transform, std::string_view name,
+                                                              int64_t indentation) const {
   const std::string p(static_cast<size_t>(std::max<int64_t>(indentation, 0)), ' ');
   size_t characters = 0;
   for (unsigned char c : name) characters += (c & 0xC0) != 0x80 ? 1 : 0;
@@ -189,8 +190,7 @@ std::string SGSegment::descriptionForTransformNameIndentation(const UGListTransf
       {});
   groupStarted = false;
   transform.enumerateTransformAsGroupedDeletionsMovesInsertions(
-      {}, {},
-      [&](int64_t i, const std::optional<Value>& object) {
+      {}, {}, [&](int64_t i, const std::optional<Value>& object) {
         place(!groupStarted, "insertions", fmt::format("{}   ({})\n", index(i), describe(object)));
         groupStarted = true;
       });
@@ -198,8 +198,8 @@ std::string SGSegment::descriptionForTransformNameIndentation(const UGListTransf
 }
 
 Ref<UGListTransform> SGSegment::transformForRelationOfSegmentInNotification(std::string_view relation,
-                                                                           const SGSegment& segment,
-                                                                           NPWNotification& notification) {
+                                                                            const SGSegment& segment,
+                                                                            NPWNotification& notification) {
   return notification.graphTransaction()->transformForRelationOfUpdatedObject(relation, &segment);
 }
 

@@ -3,9 +3,9 @@
 // entry and exit hooks.
 #pragma once
 
+#include "loomwork/graph.h"
 #include "loomwork/notifications/NPProcessingContext.h"
 #include "loomwork/notifications/NPWGraphObjectAnnouncements.h"
 #include "loomwork/notifications/NPWNode.h"
 #include "loomwork/notifications/NPWNotification.h"
 #include "loomwork/notifications/NPWProcessingCenter.h"
-#include "loomwork/graph.h"

@@ -15,8 +15,8 @@ namespace {
 // it is given.
 class TestNode : public Object, public NPWNode {
  public:
-  TestNode(std::string name, std::string* journal, uint32_t hooks = NPWNodeHookNextNodes | NPWNodeHookDidEnter |
-                                                                   NPWNodeHookWillExit)
+  TestNode(std::string name, std::string* journal,
+           uint32_t hooks = NPWNodeHookNextNodes | NPWNodeHookDidEnter | NPWNodeHookWillExit)
       : name(std::move(name)), journal(journal), hooks(hooks) {}
   uint32_t npwImplementedHooks() const override { return hooks; }
   NPWSuccessors nextNodesForNotification(NPWNotification&) override { return successors; }
@@ -164,7 +164,8 @@ TEST(Notifications, ComposesPayloadsAndReadsTheGraphTransaction) {
   earlier->setNotificationObjectForKey(Value(1), "kept");
   later->setNotificationObjectForKey(Value(more), "count");
   later->setNotificationObjectForKey(Value("new"), "text");
-  later->setNotificationObjectForKey(Value(Dictionary{{Value("a"), Value(Dictionary{{Value("b"), Value(7)}})}}), "added");
+  later->setNotificationObjectForKey(Value(Dictionary{{Value("a"), Value(Dictionary{{Value("b"), Value(7)}})}}),
+                                     "added");
   earlier->composeWith(*later);
   EXPECT_EQ(earlier->notificationObjectForKey("count")->tryObject(), counter.get());
   EXPECT_EQ(counter->total, 5);
@@ -216,7 +217,8 @@ TEST(Notifications, AnnouncesPropertyAndRelationChanges) {
   EXPECT_EQ(*operation->valueForProperty("title"), Value("Hello"));
   model->title.reset();
   didUpdatePropertyInitiateNotificationFromComposable(*model, "title", node.get(), true);
-  EXPECT_TRUE(seen->graphTransaction()->operationForUUID(model->globalObjectUUID())->valueForProperty("title")->isNull());
+  EXPECT_TRUE(
+      seen->graphTransaction()->operationForUUID(model->globalObjectUUID())->valueForProperty("title")->isNull());
 
   auto transform = UGMutableListTransform::transform();
   transform->recordInsertedObjectAtIndex(Value(1), 0);

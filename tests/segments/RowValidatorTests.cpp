@@ -152,7 +152,8 @@ class RowValidator {
     int height = 0;
     for (const Ref<SGSegment>& descendant : segmentsUnder(segment)) {
       int depth = 0;
-      for (auto parent = descendant->parentSegment(); parent && parent.get() != &segment; parent = parent->parentSegment()) {
+      for (auto parent = descendant->parentSegment(); parent && parent.get() != &segment;
+           parent = parent->parentSegment()) {
         ++depth;
       }
       if (descendant.get() != &segment) height = std::max(height, depth + 1);
@@ -234,8 +235,7 @@ class RowValidator {
     auto containers = inTree<SGContainerSegment>();
     std::erase_if(containers, [](const auto& c) { return dynamic_cast<SGGroupSegment*>(c.get()) != nullptr; });
     if (containers.empty()) return changeGroup();
-    Ref<SGContainerSegment> container =
-        containers[static_cast<size_t>(below(static_cast<int64_t>(containers.size())))];
+    Ref<SGContainerSegment> container = containers[static_cast<size_t>(below(static_cast<int64_t>(containers.size())))];
     const int depth = depthOf(*container) + 1;
     log_ += "container " + container->description() + "\n";
     // A new inner segment only outside a pass: the old one, removed, is not
@@ -394,10 +394,9 @@ class RowValidator {
     auto shadow = shadows_.find(&segment);
     if (shadow != shadows_.end()) {
       const Array& before = shadow->second.second;
-      Ref<UGListTransform> transform =
-          notification == nullptr
-              ? nullptr
-              : SGSegment::transformForRelationOfSegmentInNotification("items", segment, *notification);
+      Ref<UGListTransform> transform = notification == nullptr ? nullptr
+                                                               : SGSegment::transformForRelationOfSegmentInNotification(
+                                                                     "items", segment, *notification);
       if (!transform) {
         if (before.size() != rows.size() || !std::equal(before.begin(), before.end(), rows.begin(), sameRow)) {
           return fail(name + ": rows changed without a transform: " + idsOf(before) + " -> " + idsOf(rows));
@@ -414,11 +413,14 @@ class RowValidator {
             extra += "\ncounts:";
             for (auto& c : group->segments()) {
               extra += " " + std::to_string(c->itemCount());
-              if (auto t = SGSegment::transformForRelationOfSegmentInNotification("items", *c, *notification)) extra += "[" + t->description() + "]";
+              if (auto t = SGSegment::transformForRelationOfSegmentInNotification("items", *c, *notification))
+                extra += "[" + t->description() + "]";
             }
-            if (auto t = SGSegment::transformForRelationOfSegmentInNotification("segments", segment, *notification)) extra += "\nsegments " + t->description();
+            if (auto t = SGSegment::transformForRelationOfSegmentInNotification("segments", segment, *notification))
+              extra += "\nsegments " + t->description();
           }
-          return fail(name + ": transform does not fit the rows " + idsOf(before) + ": " + transform->description() + extra);
+          return fail(name + ": transform does not fit the rows " + idsOf(before) + ": " + transform->description() +
+                      extra);
         }
         if (!agrees(applied, rows)) {
           std::string below;
@@ -458,7 +460,8 @@ class RowValidator {
       std::optional<Value> shown = segment.representedObjectAtIndex(i);
       if (!shown || !sameRow(*shown, rows[static_cast<size_t>(i)])) return fail(name + ": representedObjectAtIndex");
       std::optional<IndexSet> indexes = segment.indexesForRepresentedObject(rows[static_cast<size_t>(i)]);
-      if (!indexes || *indexes != IndexSet(i)) return fail(name + ": indexesForRepresentedObject of row " + std::to_string(i));
+      if (!indexes || *indexes != IndexSet(i))
+        return fail(name + ": indexesForRepresentedObject of row " + std::to_string(i));
       Ref<SGSegment> leaf = segment.leafSegmentForIndex(i);
       if (!leaf) return fail(name + ": no leaf for row " + std::to_string(i));
       const int64_t inLeaf = leaf->transformIndexFromAncestorSegment(i, &segment);
@@ -488,7 +491,8 @@ class RowValidator {
     }
     if (dynamic_cast<SGContainerSegment*>(&segment) != nullptr) {
       for (int64_t i = 0; i < count; ++i) {
-        if (shownBy[static_cast<size_t>(i)] != 1) return fail(name + ": row " + std::to_string(i) + " is not shown by one leaf row");
+        if (shownBy[static_cast<size_t>(i)] != 1)
+          return fail(name + ": row " + std::to_string(i) + " is not shown by one leaf row");
       }
     }
   }
@@ -547,7 +551,6 @@ TEST(RowValidator, RandomTreesAndChangesKeepRowsAndTransformsInAgreement) {
     passes += validator.passes();
   }
   EXPECT_GE(passes, static_cast<int64_t>(kTrees) * 50);
-
 }
 
 }  // namespace

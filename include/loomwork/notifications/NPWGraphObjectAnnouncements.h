@@ -19,8 +19,7 @@ void didUpdatePropertyInitiateNotificationFromComposable(const Object& object, s
                                                          Object* initiator, bool composable);
 // The same for a relation: an UPDATE that carries the transform for the
 // relation and no property values. Nothing without a transform or initiator.
-void didUpdateRelationWithTransformInitiateNotificationFromComposable(const Object& object,
-                                                                      std::string_view relation,
+void didUpdateRelationWithTransformInitiateNotificationFromComposable(const Object& object, std::string_view relation,
                                                                       const Ref<UGListTransform>& transform,
                                                                       Object* initiator, bool composable);
 

@@ -42,8 +42,7 @@ class NPWProcessingCenter : public Object {
   // Processes the node and, recursively, the successors admitted before its
   // entry hook; returns the number of nodes processed (0 when the node was
   // already reached in this pass). The depth is passed down only.
-  int64_t processNotificationAtNodeContextDepth(const Ref<Object>& node, NPProcessingContext& context,
-                                                int64_t depth);
+  int64_t processNotificationAtNodeContextDepth(const Ref<Object>& node, NPProcessingContext& context, int64_t depth);
   // The node's successors as one flat list: nodes of a list first, in order,
   // then its nested lists, each the same way (for [a, [b, [c], d], [e]]:
   // a, b, d, c, e). Empty for an object that is not a node or does not answer

@@ -34,7 +34,9 @@ class SGListSegment : public SGSegment {
   // insertion of every new one (nothing when both are empty).
   void setList(Ref<LWRandomAccessContainer> list);
 
-  const TransformFromNotificationBlock& transformFromNotificationBlock() const { return transformFromNotificationBlock_; }
+  const TransformFromNotificationBlock& transformFromNotificationBlock() const {
+    return transformFromNotificationBlock_;
+  }
   void setTransformFromNotificationBlock(TransformFromNotificationBlock block) {
     transformFromNotificationBlock_ = std::move(block);
   }
