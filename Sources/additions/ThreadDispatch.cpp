@@ -7,6 +7,14 @@
 
 namespace loomwork {
 
+struct DispatchCoalescedWrapper {
+  DispatchBlock task;
+  int64_t slotKey;
+  double delay;
+
+  void run() const;
+};
+
 namespace {
 
 // The slot dictionary as it is kept in a thread dictionary.
@@ -24,6 +32,17 @@ DispatchCoalescingDictionary& currentThreadSlots() {
 }
 
 }  // namespace
+
+void DispatchCoalescedWrapper::run() const {
+  // A wrapper that was replaced after its alarm went off must not run.
+  DispatchCoalescingDictionary& current = currentThreadSlots();
+  auto slot = current.find(slotKey);
+  if (slot == current.end() || slot->second.get() != this) return;
+  tw_executeBlock(task);
+  // The task may itself have asked again; that newer request keeps the slot.
+  DispatchCoalescingDictionary& after = currentThreadSlots();
+  if (auto still = after.find(slotKey); still != after.end() && still->second.get() == this) after.erase(still);
+}
 
 void dispatchOnce(DispatchOnceToken& token, const std::function<void()>& body) {
   if (token.load(std::memory_order_acquire) == -1) return;
@@ -98,26 +117,18 @@ void dispatchAfterCoalescingTokenBlock(Thread& thread, double delay, DispatchOnc
   dispatchOnce(token, {});
   // Always -1 after dispatchOnce: one slot per thread for every token.
   const int64_t slotKey = token.load(std::memory_order_acquire);
-  dispatchSyncIfOnSameThreadAsyncIfDifferentThread(thread, [slotKey, delay, task = std::move(task)]() mutable {
-    RunLoop& loop = *RunLoop::current();
+  // The wrapper is made here and carries the whole request, so posting it
+  // costs no allocation beyond the wrapper's own.
+  auto wrapper = std::make_shared<DispatchCoalescedWrapper>(DispatchCoalescedWrapper{std::move(task), slotKey, delay});
+  dispatchSyncIfOnSameThreadAsyncIfDifferentThread(thread, [wrapper] {
     DispatchCoalescingDictionary& slots = currentThreadSlots();
-    if (auto pending = slots.find(slotKey); pending != slots.end()) loop.cancelTasksWithTarget(pending->second.get());
-    auto wrapper = std::make_shared<DispatchBlock>();
-    const DispatchBlock* identity = wrapper.get();
-    *wrapper = [task = std::move(task), slotKey, identity] {
-      // A wrapper that was replaced after its alarm went off must not run.
-      DispatchCoalescingDictionary& current = currentThreadSlots();
-      auto slot = current.find(slotKey);
-      if (slot == current.end() || slot->second.get() != identity) return;
-      tw_executeBlock(task);
-      // The task may itself have asked again; that newer request keeps the slot.
-      DispatchCoalescingDictionary& after = currentThreadSlots();
-      if (auto still = after.find(slotKey); still != after.end() && still->second.get() == identity) after.erase(still);
-    };
-    slots[slotKey] = wrapper;
+    RunLoop& loop = *RunLoop::current();
+    std::shared_ptr<const DispatchCoalescedWrapper>& slot = slots[wrapper->slotKey];
+    if (slot) loop.cancelTasksWithTarget(slot.get());
+    slot = wrapper;
     // The delayed request holds the wrapper; the slot only names it.
     loop.performAfterDelay(
-        delay, [wrapper] { tw_executeBlock(*wrapper); }, identity);
+        wrapper->delay, [wrapper] { tw_executeBlock([&] { wrapper->run(); }); }, wrapper.get());
   });
 }
 

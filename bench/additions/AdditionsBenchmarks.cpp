@@ -236,6 +236,17 @@ void BM_CoalescedBurst(benchmark::State& state) {
 }
 BENCHMARK(BM_CoalescedBurst)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// The booking alone: requests made on the thread itself are booked inline.
+void BM_CoalescedBookingOnOwnThread(benchmark::State& state) {
+  Ref<Thread> self = Thread::currentThread();
+  static DispatchOnceToken token{0};
+  int64_t runs = 0;
+  for (auto _ : state) dispatchAfterCoalescingTokenBlock(*self, 0.05, token, [&runs] { ++runs; });
+  self->runLoop()->runFor(0.2);
+  state.counters["task_runs"] = static_cast<double>(runs);
+}
+BENCHMARK(BM_CoalescedBookingOnOwnThread)->Iterations(kMillion);
+
 template <bool Bare>
 void postMillion(benchmark::State& state) {
   Ref<Thread> worker = workerThreadWithRunLoop();

@@ -49,8 +49,11 @@ void dispatchSyncIfOnSameThreadAsyncIfDifferentThread(Thread& thread, DispatchBl
 // scheduled at once when the caller is the thread, else posted there first.
 void dispatchAfterBlock(Thread& thread, double delay, DispatchBlock task);
 
-// The pending wrapper tasks of a thread's coalescing slots, by slot key.
-using DispatchCoalescingDictionary = std::unordered_map<int64_t, std::shared_ptr<const DispatchBlock>>;
+// A pending coalesced request: the wrapper that runs the caller's task once
+// and then empties its slot. Its identity is what cancellation goes by.
+struct DispatchCoalescedWrapper;
+// The pending wrappers of a thread's coalescing slots, by slot key.
+using DispatchCoalescingDictionary = std::unordered_map<int64_t, std::shared_ptr<const DispatchCoalescedWrapper>>;
 
 // Runs the task on the thread `delay` seconds after the last of a burst of
 // requests: a request replaces the one still pending on that thread, which
