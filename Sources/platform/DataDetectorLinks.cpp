@@ -141,6 +141,22 @@ const std::unordered_set<std::string>& topLevelDomains() {
   return domains;
 }
 
+// Generic top-level domains seen on bare host names in running text. The
+// other generic ones are mostly words ("name", "email", "open", "map",
+// "data", "new"), and "user.name" or "window.open" is code, not a link: a
+// bare host under them needs a path ("example.email/x" is a link,
+// "www.example.email" always is). Two-letter country domains and
+// internationalised ones need none.
+bool isCommonGenericDomain(std::string_view tld) {
+  static constexpr std::string_view kCommon[] = {"com",    "net",  "org",  "edu",  "gov",    "mil",  "int",    "info",
+                                                 "biz",    "pro",  "mobi", "app",  "dev",    "xyz",  "online", "site",
+                                                 "store",  "shop", "tech", "blog", "cloud",  "club", "news",   "live",
+                                                 "museum", "aero", "coop", "asia", "travel", "jobs", "tel",    "cat"};
+  for (std::string_view d : kCommon)
+    if (equalsIgnoringASCIICase(d, tld)) return true;
+  return false;
+}
+
 // Top-level domains that are also common file extensions: a bare host ending
 // in one of them is a link only with a path ("setup.py" is a file name).
 bool isFileExtensionDomain(std::string_view tld) {
@@ -414,8 +430,10 @@ class LinkScanner {
       } else if (www) {
         accept = shape.tld.size() >= 2 && (knownTopLevelDomain(shape.tld) || !isASCII(shape.tld[0]));
       } else {
+        const bool needsPath = isFileExtensionDomain(shape.tld) ||
+                               (isASCII(shape.tld[0]) && shape.tld.size() > 2 && !isCommonGenericDomain(shape.tld));
         accept = shape.hasLetterBeforeTLD && knownTopLevelDomain(shape.tld) && singleCase(shape.tld) &&
-                 (followedByPath || !isFileExtensionDomain(shape.tld));
+                 (followedByPath || !needsPath);
       }
     }
     if (accept) {

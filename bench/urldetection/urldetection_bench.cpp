@@ -233,6 +233,14 @@ void compareWithLinkify() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // --dump_text=PATH writes the generated prose to PATH (to compare the links found by hand) and exits.
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view argument = argv[i];
+    if (argument.starts_with("--dump_text=")) {
+      std::ofstream(std::string(argument.substr(12)), std::ios::binary) << prose();
+      return 0;
+    }
+  }
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();

@@ -66,7 +66,9 @@ struct DataDetectorMatch {
 //   the link. Version numbers, decimal numbers, dates and file names are not
 //   links: a bare host needs a known top-level domain written in one case, and
 //   where that domain is also a common file extension ("readme.md",
-//   "setup.py", "app.zip") it needs a path as well.
+//   "setup.py", "app.zip") or a generic domain that is mostly seen as a word
+//   in code ("user.name", "window.open"; all but about thirty common generic
+//   domains) it needs a path as well.
 // - Phone numbers: libphonenumber's matcher at its "valid" leniency for the
 //   detector's region, without anything shaped like a date ("05.10.1986",
 //   "3/10/1984", "1986-10-05") or glued to a longer dotted number. Numbers are
