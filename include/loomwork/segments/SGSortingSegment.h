@@ -80,8 +80,8 @@ class SGSortingSegment : public SGContainerSegment {
   // without an inner segment.
   std::optional<IndexSet> indexesForRepresentedObject(const Value& object) const override;
   void appendRepresentedObjectsToArray(Array& array) const override;
-  // The position of each inner index of the set (NotFound for an inner index
-  // not shown, which the index set then holds as it holds any index).
+  // The position of each inner index of the set. An inner index not shown
+  // adds NotFound, which an index set cannot hold, so it is left out.
   IndexSet indexSetByTransformingInnerSegmentIndexSet(const IndexSet& innerIndexes) const;
 
   void depthFirstSearchStop(const DepthFirstSearchBlock& block, bool& stop) override;
