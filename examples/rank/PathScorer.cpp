@@ -152,22 +152,19 @@ void PathScorer::splitDirectories() {
   std::reverse(directories_.begin(), directories_.end());
 }
 
-// Whether the word's first `length` bytes (simple ASCII) are a subsequence of
-// the line's part; the part is simple ASCII too.
-
-// How many of the word's first characters (from `from` on) are a subsequence
-// of the line's part, with both simple ASCII.
-size_t PathScorer::heldPrefix(const Word& word, size_t from, Part part) const {
+// How many of the word's first characters are a subsequence of the line's
+// part, with both simple ASCII.
+size_t PathScorer::heldPrefix(const Word& word, Part part) const {
   // Locals and a register for the wanted id keep the loop free of reloads.
   const uint8_t* ids = ids_.data();
   const char* text = line_.data();
-  const uint8_t* want = word.ids.data() + from;
+  const uint8_t* want = word.ids.data();
   uint8_t wanted = *want;
   for (size_t i = part.begin; i < part.end && wanted != 0; ++i) {
     if (ids[static_cast<unsigned char>(text[i])] == wanted) [[unlikely]]
       wanted = *++want;
   }
-  return static_cast<size_t>(want - (word.ids.data() + from));
+  return static_cast<size_t>(want - word.ids.data());
 }
 
 // How many of the word's last characters are a subsequence of the part.
@@ -198,7 +195,7 @@ float PathScorer::directoryScore(Word& word, size_t cut, bool fast) {
   for (size_t j = 0; j < directories_.size(); ++j) {
     if (factor <= best) break;  // no farther directory can do better
     const Part& part = directories_[j];
-    if (fast && heldPrefixes_[j] == SIZE_MAX) heldPrefixes_[j] = heldPrefix(word, 0, part);
+    if (fast && heldPrefixes_[j] == SIZE_MAX) heldPrefixes_[j] = heldPrefix(word, part);
     if (!fast || heldPrefixes_[j] >= length) {
       // The cache knows names by their text in the line, which the word's
       // mapping turns into one text only; map it on a miss.
@@ -255,7 +252,7 @@ float PathScorer::scoreWord(Word& word, bool simpleLine) {
   heldPrefixes_.clear();
   if (fast) {
     first = characters - heldSuffix(word, file_);
-    last = heldPrefix(word, 0, Part{0, file_.begin});
+    last = heldPrefix(word, Part{0, file_.begin});
     if (first > last) return 0.0f;
     stemHeld = heldSuffix(word, stem_);
   } else if (word.tails[0].score(line_) == 0.0f) {
@@ -327,9 +324,8 @@ float PathScorer::scoreWord(Word& word, bool simpleLine) {
 
 float PathScorer::score(std::string_view line) {
   if (words_.empty()) return 0.0f;
-  // One pass tells whether the line is simple ASCII and rejects most lines:
-  // each simple word must be a subsequence of it.
-  // A simple line that matches holds each word's ASCII equivalents in order.
+  // One pass tells whether the line is simple ASCII and rejects most lines: a
+  // simple line that matches holds each word's ASCII equivalents in order.
   // The wanted id stays in a register and the rare match is a branch, so the
   // scan has no chain of loads from one byte to the next.
   bool simpleLine = true;

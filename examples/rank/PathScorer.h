@@ -20,8 +20,8 @@
 //     counts as nothing (".bashrc" is named "bashrc"), unless the word holds
 //     them;
 //   - a name whose stem (the name without an extension of up to 8 letters
-//     and digits) holds the letters
-//     is scored by its stem, so "ttk.tcl" matches "ttk" as "ttk" does;
+//     and digits) holds the letters is scored by its stem, so "ttk.tcl"
+//     matches "ttk" as "ttk" does;
 //   - deeper paths score less: the score is divided by 1 + 0.003 per byte of
 //     the directories, so that of two equal matches the shallower one wins.
 //
@@ -110,10 +110,10 @@ class PathScorer {
   void prepare(Word& word, const std::string& text);
   char asciiEquivalent(std::string_view character) const;
   float scoreWord(Word& word, bool simpleLine);
-  // `fast`: the line and the word are simple ASCII, so subsequence tests can
-  // skip the scorer for directories that cannot match.
   // The best score of the word's first `cut` characters against one
   // directory name, with the distance factor; 0 when no name holds them.
+  // `fast`: the line and the word are simple ASCII, so subsequence tests
+  // skip the names that cannot match.
   float directoryScore(Word& word, size_t cut, bool fast);
   // The same characters against the directory names they need, joined,
   // weighted.
@@ -121,7 +121,7 @@ class PathScorer {
   void mapFor(const Word& word);
   void mapRange(size_t begin, size_t end);
   void splitDirectories();
-  size_t heldPrefix(const Word& word, size_t from, Part part) const;
+  size_t heldPrefix(const Word& word, Part part) const;
   size_t heldSuffix(const Word& word, Part part) const;
 
   const loomwork::AsciiSearchClasses& classes_;
@@ -135,7 +135,7 @@ class PathScorer {
   Part stem_{0, 0};                   // the file name without its extension
   std::vector<Part> directories_;     // nearest first
   std::vector<size_t> heldPrefixes_;  // for the word being scored: heldPrefix() of each directory, once known
-  std::string mapped_;                // the line with "_" and "-" as spaces, as the word wants
+  std::string mapped_;                // the line's parts as the word wants them (mapFor())
   std::string spanned_;               // the directories of mapped_, "/" as spaces
   std::array<std::array<char, 256>, 8> mapTables_{};  // by keep[] pattern, filled on first use
   int mappedFor_ = -1;                                // the keep[] pattern mapped_ holds, -1 before the first
