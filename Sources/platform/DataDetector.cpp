@@ -159,11 +159,14 @@ void DataDetector::enumerateMatchesInString(
   };
   if (types_ & TextCheckingTypeAddress) addUnlessOverLink(findAddresses(text));
   if (types_ & TextCheckingTypePhoneNumber) addUnlessOverLink(findPhoneNumbers(text));
-  std::stable_sort(all.begin(), all.end(), [](const DataDetectorMatch& a, const DataDetectorMatch& b) {
-    if (a.byteRange.location != b.byteRange.location) return a.byteRange.location < b.byteRange.location;
-    if (a.byteRange.length != b.byteRange.length) return a.byteRange.length > b.byteRange.length;
-    return rank(a.resultType) < rank(b.resultType);
-  });
+  // Each finder gives its matches in text order; only a mix needs sorting.
+  const uint64_t kinds = types_ & (TextCheckingTypeLink | TextCheckingTypeAddress | TextCheckingTypePhoneNumber);
+  if ((kinds & (kinds - 1)) != 0)
+    std::stable_sort(all.begin(), all.end(), [](const DataDetectorMatch& a, const DataDetectorMatch& b) {
+      if (a.byteRange.location != b.byteRange.location) return a.byteRange.location < b.byteRange.location;
+      if (a.byteRange.length != b.byteRange.length) return a.byteRange.length > b.byteRange.length;
+      return rank(a.resultType) < rank(b.resultType);
+    });
   detail::UTF16Counter counter(text);
   int64_t covered = 0;
   bool stop = false;

@@ -1,8 +1,10 @@
 // Helpers shared by the data detector's finders.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -20,7 +22,16 @@ class UTF16Counter {
  public:
   explicit UTF16Counter(std::string_view text) : text_(text) {}
   int64_t offsetOfByte(size_t byte) noexcept {
-    for (; byte_ < byte && byte_ < text_.size(); ++byte_) {
+    byte = std::min(byte, text_.size());
+    // eight ASCII bytes at a time are eight units
+    while (byte_ + 8 <= byte) {
+      uint64_t word;
+      std::memcpy(&word, text_.data() + byte_, 8);
+      if ((word & 0x8080808080808080ULL) != 0) break;
+      byte_ += 8;
+      units_ += 8;
+    }
+    for (; byte_ < byte; ++byte_) {
       const auto b = static_cast<unsigned char>(text_[byte_]);
       if ((b & 0xC0) != 0x80) units_ += b >= 0xF0 ? 2 : 1;
     }
