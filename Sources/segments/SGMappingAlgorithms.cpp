@@ -64,7 +64,8 @@ int64_t TransformIndexTable::map(int64_t index, std::optional<Value>* deletedObj
   }
   if (deletedObject != nullptr) {
     deletedObject->reset();
-    if (const UGListTransformItem* deletion = deletion_[static_cast<size_t>(index)]) *deletedObject = deletion->object();
+    if (const UGListTransformItem* deletion = deletion_[static_cast<size_t>(index)])
+      *deletedObject = deletion->object();
   }
   return target_[static_cast<size_t>(index)];
 }
@@ -151,12 +152,11 @@ Ref<UGMutableListTransform> filterFollowInnerTransformLiterally(Mapping& mapping
       deletions->recordDeletedObjectFromIndex(deleted, static_cast<int64_t>(k));
     }
   }
-  inner.enumerateTransformAsGroupedDeletionsMovesInsertions(
-      {}, {}, [&](int64_t n, const std::optional<Value>& object) {
-        if (keep && !keep(n)) return;
-        insertions->recordInsertedObjectAtIndex(object, static_cast<int64_t>(mapping.size()));
-        mapping.push_back(n);
-      });
+  inner.enumerateTransformAsGroupedDeletionsMovesInsertions({}, {}, [&](int64_t n, const std::optional<Value>& object) {
+    if (keep && !keep(n)) return;
+    insertions->recordInsertedObjectAtIndex(object, static_cast<int64_t>(mapping.size()));
+    mapping.push_back(n);
+  });
   Mapping sorted = mapping;
   std::sort(sorted.begin(), sorted.end());
   for (size_t k = 0; k < mapping.size(); ++k) {
@@ -263,8 +263,8 @@ Ref<UGMutableListTransform> filterDifference(const Mapping& from, const Mapping&
   return result;
 }
 
-Ref<UGMutableListTransform> sortingFollowInnerTransform(Mapping& mapping, const UGListTransform& inner,
-                                                        bool& inserted, std::vector<int64_t>& survivingPositions) {
+Ref<UGMutableListTransform> sortingFollowInnerTransform(Mapping& mapping, const UGListTransform& inner, bool& inserted,
+                                                        std::vector<int64_t>& survivingPositions) {
   survivingPositions.clear();
   auto result = UGMutableListTransform::transform();
   auto& deletions = result->mutableDeletions();
@@ -407,7 +407,8 @@ Mapping SortKeyCache::sortedMapping(const Mapping& mapping, const Array& objects
   known_.assign(count, 1);
   keys_.resize(count * width_);
   for (size_t p = 0; p < count; ++p) {
-    for (size_t k = 0; k < width_; ++k) keys_[p * width_ + k] = std::move(fresh[static_cast<size_t>(result[p]) * width_ + k]);
+    for (size_t k = 0; k < width_; ++k)
+      keys_[p * width_ + k] = std::move(fresh[static_cast<size_t>(result[p]) * width_ + k]);
   }
   return result;
 }

@@ -62,8 +62,8 @@ Ref<UGMutableListTransform> filterDifference(const Mapping& from, const Mapping&
 // returns the deletions and insertions (no objects). Sets `inserted` when
 // anything was appended; `survivingPositions` receives the old positions of
 // the entries kept, in order.
-Ref<UGMutableListTransform> sortingFollowInnerTransform(Mapping& mapping, const UGListTransform& inner,
-                                                        bool& inserted, std::vector<int64_t>& survivingPositions);
+Ref<UGMutableListTransform> sortingFollowInnerTransform(Mapping& mapping, const UGListTransform& inner, bool& inserted,
+                                                        std::vector<int64_t>& survivingPositions);
 
 // The order of inner items under sort descriptors, with the sort keys read
 // once per item and kept beside the mapping, position by position. The
@@ -95,7 +95,7 @@ class SortKeyCache {
 
   const std::vector<SortDescriptor>* descriptors_ = nullptr;
   size_t width_ = 0;
-  std::vector<Value> keys_;    // width_ keys per position of the mapping
+  std::vector<Value> keys_;     // width_ keys per position of the mapping
   std::vector<uint8_t> known_;  // per position: keys_ holds its keys
 };
 

@@ -66,7 +66,8 @@ NPWSuccessors SGPassthroughSegment::nextNodesForNotification(NPWNotification&) {
 
 void SGPassthroughSegment::willExitNodeWithNotification(NPWNotification& notification) {
   if (!innerSegment_) return;
-  if (auto transform = transformForRelationOfSegmentInNotification(SGSegmentItemsRelation, *innerSegment_, notification)) {
+  if (auto transform =
+          transformForRelationOfSegmentInNotification(SGSegmentItemsRelation, *innerSegment_, notification)) {
     publishItemsTransform(transform);
   }
 }
@@ -75,7 +76,8 @@ std::string SGPassthroughSegment::recursiveDescriptionForNotificationIndentation
                                                                                  int64_t indentation) {
   std::string text = SGSegment::recursiveDescriptionForNotificationIndentation(notification, indentation);
   text += "\n";
-  if (innerSegment_) text += innerSegment_->recursiveDescriptionForNotificationIndentation(notification, indentation + 4);
+  if (innerSegment_)
+    text += innerSegment_->recursiveDescriptionForNotificationIndentation(notification, indentation + 4);
   return text;
 }
 

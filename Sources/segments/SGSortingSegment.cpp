@@ -122,7 +122,8 @@ int64_t SGSortingSegment::transformDropIndexToChildSegment(int64_t, Ref<SGSegmen
 
 std::optional<IndexSet> SGSortingSegment::indexesForRepresentedObject(const Value& object) const {
   if (!innerSegment_) return IndexSet();
-  return indexSetByTransformingInnerSegmentIndexSet(innerSegment_->indexesForRepresentedObject(object).value_or(IndexSet()));
+  return indexSetByTransformingInnerSegmentIndexSet(
+      innerSegment_->indexesForRepresentedObject(object).value_or(IndexSet()));
 }
 
 IndexSet SGSortingSegment::indexSetByTransformingInnerSegmentIndexSet(const IndexSet& innerIndexes) const {

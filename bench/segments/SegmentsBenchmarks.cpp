@@ -31,9 +31,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-double secondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
+double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 // ---------------------------------------------------------------------------
 // The notification walk over 10,000 nodes.
@@ -169,9 +167,8 @@ struct LoomworkTree {
       section->leaf->setTransformFromNotificationBlock(
           [raw](NPWNotification&) { return std::exchange(raw->pending, nullptr); });
       section->filter = make<SGFilterSegment>();
-      section->filter->setFilterBlock([](SGSegment& inner, int64_t index) {
-        return recordOf(*inner.representedObjectAtIndex(index)).data.keep;
-      });
+      section->filter->setFilterBlock(
+          [](SGSegment& inner, int64_t index) { return recordOf(*inner.representedObjectAtIndex(index)).data.keep; });
       section->filter->setInnerSegment(section->leaf);
       section->sorting = make<SGSortingSegment>();
       section->sorting->setSortDescriptors(std::vector<SortDescriptor>{SortDescriptor("a"), SortDescriptor("b")});

@@ -242,9 +242,8 @@ TEST(FilterSegment, MapsIndexesAndDropsWithItsTieBreaks) {
 
 TEST(FilterSegment, PublishesEveryInnerChangeAndRefiltersOnRequest) {
   FilterFixture f;
-  f.filter->setFilterBlock([](SGSegment& inner, int64_t index) {
-    return inner.representedObjectAtIndex(index)->integerValue() % 2 == 0;
-  });
+  f.filter->setFilterBlock(
+      [](SGSegment& inner, int64_t index) { return inner.representedObjectAtIndex(index)->integerValue() % 2 == 0; });
   ASSERT_EQ(f.filter->mapping()->vector(), (std::vector<int64_t>{0, 2, 4, 6, 8}));
 
   // An inserted odd number is not shown, yet the filter publishes a change

@@ -88,8 +88,8 @@ TEST(SortingKeyCache, KeptKeysSortLikeTheDocumentedFullSort) {
             objects.insert(objects.begin() + uniform(rng, 0, static_cast<int64_t>(objects.size())),
                            entry(rng, nextId++));
           }
-          auto inner =
-              transformForTransitioningFromArrayToArrayObjectComparison(before, objects, UGListTransformObjectComparisonIdentity);
+          auto inner = transformForTransitioningFromArrayToArrayObjectComparison(
+              before, objects, UGListTransformObjectComparisonIdentity);
           bool inserted = false;
           std::vector<int64_t> surviving;
           sgdetail::sortingFollowInnerTransform(mapping, *inner, inserted, surviving);
@@ -125,7 +125,8 @@ class CapturingRoot : public SGPassthroughSegment {
 struct SortingFixture {
   explicit SortingFixture(std::vector<int64_t> ranks) {
     Array entries;
-    for (size_t i = 0; i < ranks.size(); ++i) entries.push_back(Value(make<Entry>(static_cast<int64_t>(i), ranks[i], "")));
+    for (size_t i = 0; i < ranks.size(); ++i)
+      entries.push_back(Value(make<Entry>(static_cast<int64_t>(i), ranks[i], "")));
     list = make<LWArrayContainer>(entries);
     leaf = make<SGListSegment>(list);
     leaf->setTransformFromNotificationBlock([this](NPWNotification&) { return std::exchange(pending, nullptr); });

@@ -79,7 +79,9 @@ TEST(ToggleSegment, HidesShowsAndDefersSwitchesInsideAPass) {
   toggle->setInnerSegment(leaf);
   auto root = make<CheckingRoot>();
   root->setInnerSegment(toggle);
-  auto published = [&] { return SGSegment::transformForRelationOfSegmentInNotification("items", *toggle, *root->last); };
+  auto published = [&] {
+    return SGSegment::transformForRelationOfSegmentInNotification("items", *toggle, *root->last);
+  };
 
   // Hidden: no items, nothing maps, nothing appended, yet the search reaches the inner segment.
   toggle->setShowsInnerSegment(false);
@@ -330,7 +332,8 @@ void expectChangeLeadsToRows(const Array& before, const UGListTransform& change,
   ASSERT_EQ(applied.size(), after.size()) << where << change.description() << describeRows(before);
   for (size_t i = 0; i < after.size(); ++i) {
     ASSERT_TRUE(applied[i].isNull() || applied[i] == after[i])
-        << where << " row " << i << "\n" << change.description() << describeRows(before) << " / " << describeRows(after);
+        << where << " row " << i << "\n"
+        << change.description() << describeRows(before) << " / " << describeRows(after);
   }
   Array replay = before;
   bool inside = true;
@@ -512,8 +515,8 @@ TEST(SegmentTrees, EveryPassPublishesTheChangeOfEverySegmentsRows) {
             }
           };
         }
-        NPWProcessingCenter::sharedCenter()->initiateNotificationAtNodeComposable(NPWNotification::notification(),
-                                                                                  leaf, false);
+        NPWProcessingCenter::sharedCenter()->initiateNotificationAtNodeComposable(NPWNotification::notification(), leaf,
+                                                                                  false);
         tree.pending.clear();
         tree.duringPass = nullptr;
       } else if (what == 4) {  // a record's sort key or filter flag changes
