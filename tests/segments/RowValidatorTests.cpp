@@ -150,15 +150,8 @@ class RowValidator {
   }
   static int heightOf(SGSegment& segment) {
     int height = 0;
-    for (const Ref<SGSegment>& descendant : segmentsUnder(segment)) {
-      int depth = 0;
-      for (auto parent = descendant->parentSegment(); parent && parent.get() != &segment;
-           parent = parent->parentSegment()) {
-        ++depth;
-      }
-      if (descendant.get() != &segment) height = std::max(height, depth + 1);
-    }
-    return height;
+    for (const Ref<SGSegment>& descendant : segmentsUnder(segment)) height = std::max(height, depthOf(*descendant));
+    return height - depthOf(segment);
   }
 
   // The segments of the tree that a change may touch: not those that the
@@ -405,22 +398,8 @@ class RowValidator {
         Array applied;
         try {
           applied = arrayByApplyingTransformIgnoringObjectsInTransform(before, *transform, true);
-        } catch (const Exception& e) {
-          std::string extra;
-          if (auto* group = dynamic_cast<SGGroupSegment*>(&segment)) {
-            extra += "\ncached:";
-            for (auto c : group->cachedSegmentItemCounts()) extra += " " + std::to_string(c);
-            extra += "\ncounts:";
-            for (auto& c : group->segments()) {
-              extra += " " + std::to_string(c->itemCount());
-              if (auto t = SGSegment::transformForRelationOfSegmentInNotification("items", *c, *notification))
-                extra += "[" + t->description() + "]";
-            }
-            if (auto t = SGSegment::transformForRelationOfSegmentInNotification("segments", segment, *notification))
-              extra += "\nsegments " + t->description();
-          }
-          return fail(name + ": transform does not fit the rows " + idsOf(before) + ": " + transform->description() +
-                      extra);
+        } catch (const Exception&) {
+          return fail(name + ": transform does not fit the rows " + idsOf(before) + ": " + transform->description());
         }
         if (!agrees(applied, rows)) {
           std::string below;
@@ -543,7 +522,6 @@ TEST(RowValidator, RandomTreesAndChangesKeepRowsAndTransformsInAgreement) {
       } catch (const std::exception& e) {
         FAIL() << "seed " << seed << ", step " << step << ": " << e.what() << "\nchanges:\n" << validator.log();
       }
-      if (std::getenv("LOOMWORK_ROW_VALIDATOR_TRACE")) std::printf("step %d:\n%s", step, validator.log().c_str());
       ASSERT_TRUE(validator.failure().empty())
           << "seed " << seed << ", step " << step << ": " << validator.failure() << "\nchanges:\n"
           << validator.log() << validator.tree();
