@@ -64,8 +64,9 @@ std::string parseLine(std::string_view line, std::set<Expected>& expected) {
 }
 
 TEST(URLDetectionCorpus, PrecisionAndRecallPerKind) {
-  std::ifstream in("urldetection/corpus.txt");
-  ASSERT_TRUE(in) << "run from tests/additions";
+  const char* data = std::getenv("LOOMWORK_TEST_DATA");
+  std::ifstream in(std::string(data ? data : ".") + "/urldetection/corpus.txt");
+  ASSERT_TRUE(in) << "run from tests/additions or set LOOMWORK_TEST_DATA";
   std::map<char, int> truePositives, found, expectedCount;
   std::string region = "US";
   std::string line;
