@@ -159,7 +159,7 @@ TEST(NestedMapTable, AgreesWithAPlainMapOfPaths) {
   constexpr uint64_t kSeed = 20261123;
   std::mt19937_64 rng(kSeed);
   auto uniform = [&](int64_t lo, int64_t hi) { return std::uniform_int_distribution<int64_t>(lo, hi)(rng); };
-  for (int round = 0; round < 300; ++round) {
+  for (int round = 0; round < 150; ++round) {
     SCOPED_TRACE("seed " + std::to_string(kSeed) + " round " + std::to_string(round));
     const auto depth = static_cast<size_t>(uniform(1, 4));
     Types types(depth + 1, S);

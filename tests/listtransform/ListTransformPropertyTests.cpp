@@ -310,7 +310,7 @@ size_t bruteForceFewestMoves(size_t n, size_t m, const std::vector<std::pair<int
     for (size_t i = 0; i < n; ++i) t->recordDeletedObjectFromIndex(std::nullopt, static_cast<int64_t>(i));
     for (size_t j = 0; j < m; ++j) t->recordInsertedObjectAtIndex(std::nullopt, static_cast<int64_t>(j));
     for (size_t k = 0; k < pairs.size(); ++k) {
-      auto [i, j] = pairs[k];
+      const int64_t i = pairs[k].first, j = pairs[k].second;
       auto& deletions = t->mutableDeletions();
       auto& insertions = t->mutableInsertions();
       auto d = std::find_if(deletions.begin(), deletions.end(), [&](const auto& x) { return x->index() == i; });
@@ -329,9 +329,9 @@ size_t bruteForceFewestMoves(size_t n, size_t m, const std::vector<std::pair<int
 
 TEST(ListTransformProperties, FewestMovesTransitionKeepsTheDeletionsAndInsertionsAndMovesLeast) {
   Rng rng(kSeed + 5);
-  for (int c = 0; c < kCases; ++c) {
+  for (int c = 0; c < kCases / 2; ++c) {
     SCOPED_TRACE("seed " + std::to_string(kSeed + 5) + " case " + std::to_string(c));
-    const int64_t maxSize = c % 3 == 0 ? 9 : 40;  // small enough for the brute force every third case
+    const int64_t maxSize = c % 3 == 0 ? 8 : 40;  // small enough for the brute force every third case
     Array a = randomArray(rng, static_cast<size_t>(uniform(rng, 0, maxSize)), uniform(rng, 1, 12));
     Array b = c % 2 == 0 ? randomArray(rng, static_cast<size_t>(uniform(rng, 0, maxSize)), uniform(rng, 1, 12))
                          : applyStepByStep(a, *randomTransform(rng, a));
@@ -355,7 +355,7 @@ TEST(ListTransformProperties, FewestMovesTransitionKeepsTheDeletionsAndInsertion
       ASSERT_EQ(t->insertionIndexesIncludingDecomposedMoveIndexes(false),
                 plain->insertionIndexesIncludingDecomposedMoveIndexes(false));
       ASSERT_LE(moveCount(*t), moveCount(*plain));
-      if (maxSize > 9) continue;
+      if (maxSize > 8) continue;
       // The transition's matching: each old element to the lowest unclaimed matching new position.
       std::vector<std::pair<int64_t, int64_t>> pairs;
       std::vector<bool> claimed(b.size(), false);
