@@ -198,16 +198,30 @@ struct Pair {
     for (int i = 0; i < 3; ++i) exchange();
   }
 
+  // Each side takes in what arrives, and its acknowledgements, as one storage
+  // transaction, then processes.
   void exchange() {
-    for (int side : {0, 1})
-      for (const Message& message : hosts[side]->outgoing(*controllers[side], false, false))
-        if (auto reply = hosts[1 - side]->receive(message)) hosts[side]->receive(*reply);
+    for (int side : {0, 1}) {
+      const int other = 1 - side;
+      std::vector<Message> replies;
+      const auto messages = hosts[side]->outgoing(*controllers[side], false, false);
+      controllers[other]->performTransaction([&] {
+        for (const Message& message : messages)
+          if (auto reply = hosts[other]->receive(message)) replies.push_back(std::move(*reply));
+      });
+      controllers[side]->performTransaction([&] {
+        for (const Message& reply : replies) hosts[side]->receive(reply);
+      });
+    }
     for (int side : {0, 1}) hosts[side]->process(*controllers[side]);
   }
 };
 
+// With `grouped`, each side's 50 local transactions between two exchanges are
+// committed as one storage transaction (as a host that saves once per event
+// loop pass would); otherwise each is committed on its own.
 template <class Storage, class MakeHost>
-void endToEnd(benchmark::State& state, MakeHost makeHost) {
+void endToEnd(benchmark::State& state, MakeHost makeHost, bool grouped = false) {
   const int64_t operations = state.range(0);
   double bytesPerOperation = 0;
   for (auto _ : state) {
@@ -216,11 +230,14 @@ void endToEnd(benchmark::State& state, MakeHost makeHost) {
     std::mt19937_64 rng(11);
     state.ResumeTiming();
     for (int64_t done = 0; done < operations; done += 100) {
-      for (int i = 0; i < 100; ++i) {
-        const int side = i < 50 ? 0 : 1;
-        auto edit = update("E" + std::to_string(rng() % 1000), kProperties[rng() % kProperties.size()],
-                           Value(static_cast<int64_t>(rng() % 1000)));
-        pair.hosts[side]->commitLocalChange(*pair.controllers[side], *edit);
+      for (int side : {0, 1}) {
+        if (grouped) pair.controllers[side]->beginTransaction();
+        for (int i = 0; i < 50; ++i) {
+          auto edit = update("E" + std::to_string(rng() % 1000), kProperties[rng() % kProperties.size()],
+                             Value(static_cast<int64_t>(rng() % 1000)));
+          pair.hosts[side]->commitLocalChange(*pair.controllers[side], *edit);
+        }
+        if (grouped) pair.controllers[side]->endTransaction();
       }
       pair.exchange();
       pair.exchange();
@@ -249,15 +266,18 @@ void EndToEndInMemory(benchmark::State& state) {
 }
 BENCHMARK(EndToEndInMemory)->Arg(100000)->Unit(benchmark::kMillisecond)->Iterations(1);
 
-void EndToEndSQLite(benchmark::State& state) {
-  const auto directory = std::filesystem::temp_directory_path();
-  endToEnd<OTSQLiteDataSource>(state, [&](int side) {
-    const auto path = directory / ("loomwork-bench-e2e-" + std::to_string(::getpid()) + "-" + std::to_string(side));
-    for (const char* suffix : {"", "-wal", "-shm"}) std::filesystem::remove(path.string() + suffix);
-    return std::make_shared<Host<OTSQLiteDataSource>>(path.string());
-  });
+std::shared_ptr<Host<OTSQLiteDataSource>> sqliteHost(int side) {
+  const auto path = std::filesystem::temp_directory_path() /
+                    ("loomwork-bench-e2e-" + std::to_string(::getpid()) + "-" + std::to_string(side));
+  for (const char* suffix : {"", "-wal", "-shm"}) std::filesystem::remove(path.string() + suffix);
+  return std::make_shared<Host<OTSQLiteDataSource>>(path.string());
 }
+
+void EndToEndSQLite(benchmark::State& state) { endToEnd<OTSQLiteDataSource>(state, sqliteHost); }
 BENCHMARK(EndToEndSQLite)->Arg(100000)->Unit(benchmark::kMillisecond)->Iterations(1);
+
+void EndToEndSQLiteGrouped(benchmark::State& state) { endToEnd<OTSQLiteDataSource>(state, sqliteHost, true); }
+BENCHMARK(EndToEndSQLiteGrouped)->Arg(100000)->Unit(benchmark::kMillisecond)->Iterations(1);
 
 // Runs the Yjs script once and reports its figures; skipped when node or the
 // script's node_modules are missing.

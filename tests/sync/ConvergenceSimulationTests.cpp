@@ -9,9 +9,23 @@
 namespace loomwork::synctest {
 namespace {
 
+// Fewer runs under the sanitizers, which make each run several times slower;
+// LOOMWORK_SIM_RUNS sets the number for a longer local run.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr int kDefaultRuns = 20;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr int kDefaultRuns = 20;
+#else
+constexpr int kDefaultRuns = 150;
+#endif
+#else
+constexpr int kDefaultRuns = 150;
+#endif
+
 int runsPerConfiguration() {
   const char* text = std::getenv("LOOMWORK_SIM_RUNS");
-  return text ? std::atoi(text) : 150;
+  return text ? std::atoi(text) : kDefaultRuns;
 }
 
 struct Configuration {

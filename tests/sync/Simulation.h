@@ -358,11 +358,10 @@ class Simulation {
         });
         if (!replaced) last.push_back(edit);
       }
-      auto entity = model.find(key.first);
-      auto value = entity == model.end() ? std::nullopt : [&]() -> std::optional<Value> {
-        auto it = entity->second.properties.find(key.second);
-        return it == entity->second.properties.end() ? std::nullopt : std::optional<Value>(it->second);
-      }();
+      std::optional<Value> value;
+      if (auto entity = model.find(key.first); entity != model.end())
+        if (auto it = entity->second.properties.find(key.second); it != entity->second.properties.end())
+          value = it->second;
       const bool kept = value && std::any_of(last.begin(), last.end(), [&](const Edit* edit) { return *value == edit->value; });
       if (!kept)
         failure += "lost on the " + name + ": " + key.first + "." + key.second + ", found " +

@@ -412,5 +412,47 @@ TEST(SyncController, MergeCutOffBetweenItsTwoRecordsStrandsTheClient) {
   }
 }
 
+// The furthest state the client can reach is read as the end state with the
+// largest client index (and among those the largest server index). Read the
+// other way round, as "the components with the largest server index first",
+// the server's own components, which the client has not followed once it made
+// a change of its own, hide the client's line: after one concurrent change on
+// each side the server never merges and neither side can move on.
+TEST(SyncController, ReachableStateReadServerIndexFirstNeverMerges) {
+  class ServerIndexFirst : public Source {
+   public:
+    bool serverIndexFirst = false;
+    std::optional<OTState> stateWithLargestClientIndexPointedToByPathComponentWithLargestServerIndexForOTSyncController(
+        OTSyncController& controller) override {
+      if (!serverIndexFirst)
+        return Source::stateWithLargestClientIndexPointedToByPathComponentWithLargestServerIndexForOTSyncController(
+            controller);
+      std::optional<OTState> best;
+      for (const auto& component : OTSyncControllerPathComponentsInRange(controller, *OTRange::infiniteRange())) {
+        const OTState& to = *component->toState();
+        if (!best || to.serverIndex() > best->serverIndex() ||
+            (to.serverIndex() == best->serverIndex() && to.clientIndex() > best->clientIndex()))
+          best = to;
+      }
+      return best;
+    }
+  };
+  for (bool serverIndexFirst : {false, true}) {
+    auto source = std::make_shared<ServerIndexFirst>();
+    source->serverIndexFirst = serverIndexFirst;
+    auto server = make<OTSyncController>(OTSyncControllerTypeServer);
+    server->setDataSource(source);
+    server->setMergeClass(OTMergeClassOf<OTMerge>());
+    server->restoreInternalState();
+    server->resetIfNeededAndSeedUsingStateSpaceIdentifier(kIdentifier);
+    server->stageLocalOperation(*setting("A", "title", "server"));
+    source->MemoryStorage::OTSyncControllerRecordPathComponentEnqueueForTransfer(
+        *server, component({0, 0}, {0, 1}, setting("B", "title", "client")), false);
+    for (int pass = 0; pass < 3; ++pass) server->processInternalStateAllowingHostUpdate(true);
+    EXPECT_EQ(server->currentState(), serverIndexFirst ? OTState(1, 0) : OTState(1, 1));
+    EXPECT_EQ(source->recorded.size(), serverIndexFirst ? 1u : 3u);
+  }
+}
+
 }  // namespace
 }  // namespace loomwork::synctest

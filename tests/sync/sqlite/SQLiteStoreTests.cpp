@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -238,7 +239,9 @@ TEST(SQLiteStore, CommittedTransactionsSurviveAKilledProcess) {
 
 TEST(SQLiteStore, SimulationConvergesOnDatabaseFiles) {
   const Faults all{true, true, true, true, true, true};
-  for (uint64_t seed = 1; seed <= 40; ++seed) {
+  const char* text = std::getenv("LOOMWORK_SIM_RUNS");
+  const uint64_t runs = text ? static_cast<uint64_t>(std::atoi(text)) : 30;
+  for (uint64_t seed = 1; seed <= runs; ++seed) {
     Simulation<OTSQLiteDataSource> simulation(seed, seed % 2 ? all : Faults{.crashes = true}, 60);
     ASSERT_EQ(simulation.run(), "") << "seed " << seed;
     EXPECT_LE(std::max(simulation.storedComponents(0), simulation.storedComponents(1)), 6u) << "seed " << seed;
