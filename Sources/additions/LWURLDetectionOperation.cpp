@@ -217,6 +217,7 @@ void LWURLDetectionOperation::main() {
   auto detector = DataDetector::initWithTypes(types_);
   if (!detector) return;
   if (const std::string chosen = region(); !chosen.empty()) detector->setRegion(chosen);
+  detector->setCancellationCheck([this] { return isCancelled(); });
 
   std::vector<std::string> urls;
   std::vector<IndexRange> ranges;

@@ -114,6 +114,7 @@ std::vector<DataDetectorMatch> DataDetector::findPhoneNumbers(std::string_view u
     if (digits < kMinimumDigits || digits > kMaximumDigits || singleDigitGroups > kMaximumSingleDigitGroups ||
         looksLikeDate(utf8.substr(first, last + 1 - first)) || gluedToNumber(utf8, first, last + 1))
       continue;
+    if (cancellationCheck_ && cancellationCheck_()) break;
     const size_t begin = backToCodePoint(utf8, first > kContext ? first - kContext : 0);
     const size_t end = backToCodePoint(utf8, std::min(n, last + 1 + kContext));
     const std::string window(utf8.substr(begin, end - begin));

@@ -131,6 +131,15 @@ TEST(URLDetection, PhoneRegionAndDates) {
   EXPECT_EQ(detector->matchesInString("Tel 030 12345678, geboren 05.10.1986, am 3/10/1984").size(), 1u);
   detector->setRegion("US");
   EXPECT_TRUE(detector->matchesInString("Tel 030 12345678").empty());
+
+  // The cancellation check ends the slow phone scan early.
+  std::string many;
+  for (int i = 0; i < 50; ++i) many += "call (415) 555-01" + std::to_string(10 + i) + " now. ";
+  EXPECT_EQ(detector->matchesInString(many).size(), 50u);
+  int asked = 0;
+  detector->setCancellationCheck([&] { return ++asked > 3; });
+  EXPECT_EQ(detector->matchesInString(many).size(), 3u);
+  EXPECT_EQ(asked, 4);
   EXPECT_EQ(detector->region(), "US");
   EXPECT_EQ(DataDetector::defaultRegion().size(), 2u);
 }

@@ -76,7 +76,8 @@ class LWURLDetectionOperation : public Object {
 
   // Runs the detection and posts the report. Checks for cancellation before
   // each match, before the message-link pass and, on the main thread, before
-  // calling the delegate. Does nothing more when no detector can be made for
+  // calling the delegate; the phone-number scan also stops early once the
+  // operation is cancelled. Does nothing more when no detector can be made for
   // the types (no supported bit set).
   void main();
 
