@@ -400,10 +400,13 @@ void OTSQLiteDataSource::acknowledgeTransfer(std::string_view uniqueIdentifier) 
 
 bool OTSQLiteDataSource::receivePathComponentData(std::span<const uint8_t> data) {
   Ref<OTPathComponent> component = OTPathComponent::initWithData(data);
-  return component && receivePathComponent(*component);
+  return component && receive(*component, data);
 }
 
-bool OTSQLiteDataSource::receivePathComponent(const OTPathComponent& component) {
+bool OTSQLiteDataSource::receivePathComponent(const OTPathComponent& component) { return receive(component, {}); }
+
+// `data` is the component's byte form when the caller has it already.
+bool OTSQLiteDataSource::receive(const OTPathComponent& component, std::span<const uint8_t> data) {
   if (!component.fromState() || !component.toState() || !component.stateSpaceIdentifier() ||
       !component.stateSpaceIdentifier()->fullIdentifier() || !component.operation())
     return false;
@@ -417,8 +420,12 @@ bool OTSQLiteDataSource::receivePathComponent(const OTPathComponent& component) 
   if (!identifier || !identifier->isString() ||
       identifier->string() != *component.stateSpaceIdentifier()->fullIdentifier())
     return false;
-  std::optional<Data> bytes = component.data();
-  if (!bytes) return false;
+  std::optional<Data> bytes;
+  if (data.empty()) {
+    bytes = component.data();
+    if (!bytes) return false;
+    data = *bytes;
+  }
   database_
       ->statement(
           "INSERT INTO components(uid, from_s, from_c, to_s, to_c, data, pending) VALUES(?, ?, ?, ?, ?, ?, 0) "
@@ -428,7 +435,7 @@ bool OTSQLiteDataSource::receivePathComponent(const OTPathComponent& component) 
       .bind(from.clientIndex())
       .bind(to.serverIndex())
       .bind(to.clientIndex())
-      .bind(*bytes)
+      .bind(data)
       .run();
   return true;
 }

@@ -136,6 +136,7 @@ class OTSQLiteDataSource : public OTSyncControllerDataSource {
  private:
   class Statement;
   class Database;
+  bool receive(const OTPathComponent& component, std::span<const uint8_t> data);
   struct Where;
   Database* database_;
   bool inTransaction_ = false;
