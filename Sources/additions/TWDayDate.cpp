@@ -1,6 +1,5 @@
 #include "loomwork/additions/TWDayDate.h"
 
-#include <syslog.h>
 
 #include <array>
 #include <cmath>
@@ -8,6 +7,7 @@
 #include <mutex>
 
 #include "loomwork/platform/LocalizedStrings.h"
+#include "loomwork/platform/Log.h"
 #include "platform/CivilDate.h"
 
 namespace loomwork {
@@ -516,8 +516,7 @@ TWDatePickerDate TWDatePickerDateValidate(TWDatePickerDate date) {
 }
 
 void TWDatePickerDateLog(TWDatePickerDate date) {
-  syslog(LOG_NOTICE, "%ld-%ld-%ld", static_cast<long>(date.year), static_cast<long>(date.month),
-         static_cast<long>(date.day));
+  logMessage(std::to_string(date.year) + "-" + std::to_string(date.month) + "-" + std::to_string(date.day));
 }
 
 }  // namespace loomwork

@@ -1,5 +1,7 @@
-// The platform layer: the object model, dynamic values, index sets,
-// exceptions and sort descriptors that every subsystem builds on.
+// The platform layer that every subsystem builds on: the object model,
+// dynamic values, index sets, exceptions, sort descriptors, text services,
+// property lists, the log sink, calendars, run loops and threads, and the
+// data detector.
 #pragma once
 
 #include "loomwork/platform/Exception.h"
@@ -14,3 +16,6 @@
 #include "loomwork/platform/UUID.h"
 #include "loomwork/platform/PropertyList.h"
 #include "loomwork/platform/DataDetector.h"
+#include "loomwork/platform/Calendar.h"
+#include "loomwork/platform/RunLoop.h"
+#include "loomwork/platform/Thread.h"

@@ -225,7 +225,8 @@ int64_t TWDatePickerDateGetDifferenceToDate(TWDatePickerDate a, TWDatePickerDate
 // moved by whole years first, and which year's length is used depends on the
 // month as passed in (below 3: the current year's), not the carried one.
 TWDatePickerDate TWDatePickerDateValidate(TWDatePickerDate date);
-// Writes "year-month-day" (as "%ld-%ld-%ld") to the system log.
+// Writes "year-month-day" (as "%ld-%ld-%ld") through the log sink (logMessage),
+// which goes to the system log unless the host replaced it.
 void TWDatePickerDateLog(TWDatePickerDate date);
 
 }  // namespace loomwork
