@@ -9,19 +9,17 @@ namespace loomwork {
 SGFilterSegment::SGFilterSegment() : mapping_(LWMutableIntegerArray::array()) {}
 
 SGFilterSegment::SGFilterSegment(std::string debugName)
-    : SGContainerSegment(std::move(debugName)), mapping_(LWMutableIntegerArray::array()) {}
+    : SGInnerSegmentContainer(std::move(debugName)), mapping_(LWMutableIntegerArray::array()) {}
 
 SGFilterSegment::~SGFilterSegment() = default;
 
 void SGFilterSegment::setInnerSegment(Ref<SGSegment> segment) {
-  if (segment == innerSegment_) return;
-  if (innerSegment_) {
-    releaseChildSegment(*innerSegment_);
-    innerSegment_.reset();
+  if (segment == innerSegment()) return;
+  if (innerSegment()) {
+    releaseInnerSegment();
     updateMappingAndNotify();
   }
-  innerSegment_ = std::move(segment);
-  if (innerSegment_) adoptChildSegment(*innerSegment_);
+  adoptInnerSegment(std::move(segment));
   updateMappingAndNotify();
 }
 
@@ -38,10 +36,10 @@ void SGFilterSegment::updateMappingAndNotify() {
 
 Ref<UGListTransform> SGFilterSegment::_updateMapping() {
   std::vector<int64_t> shown;
-  if (innerSegment_) {
+  if (innerSegment()) {
     // The count is read again every step: the test may change the inner segment.
-    for (int64_t index = 0; index < innerSegment_->itemCount(); ++index) {
-      if (!filterBlock_ || filterBlock_(*innerSegment_, index)) shown.push_back(index);
+    for (int64_t index = 0; index < innerSegment()->itemCount(); ++index) {
+      if (!filterBlock_ || filterBlock_(*innerSegment(), index)) shown.push_back(index);
     }
   }
   auto transform = sgdetail::filterDifference(mapping_->vector(), shown);
@@ -59,7 +57,7 @@ int64_t SGFilterSegment::transformIndexFromChildSegment(int64_t index, const SGS
 
 int64_t SGFilterSegment::transformIndexToChildSegment(int64_t index, Ref<SGSegment>* outChild) const {
   if (mapping_->count() == 0) return NotFound;
-  if (outChild != nullptr) *outChild = innerSegment_;
+  if (outChild != nullptr) *outChild = innerSegment();
   return mapping_->integerAtIndex(index);
 }
 
@@ -79,36 +77,28 @@ int64_t SGFilterSegment::transformDropIndexToChildSegment(int64_t index, Ref<SGS
     if (outChild != nullptr) outChild->reset();
     return NotFound;
   }
-  if (outChild != nullptr) *outChild = innerSegment_;
+  if (outChild != nullptr) *outChild = innerSegment();
   if (mapping_->count() == 0) return 0;
   if (index == mapping_->count()) return mapping_->lastInteger() + 1;
   return mapping_->integerAtIndex(index);
 }
 
 std::optional<IndexSet> SGFilterSegment::indexesForRepresentedObject(const Value& object) const {
-  IndexSet result;
-  if (!innerSegment_) return result;
-  if (auto inner = innerSegment_->indexesForRepresentedObject(object)) {
-    for (int64_t index : *inner) {
-      const int64_t position = transformIndexFromChildSegment(index, innerSegment_.get());
-      if (position != NotFound) result.addIndex(position);
-    }
-  }
-  return result;
+  return mappedIndexesForRepresentedObject(object);
 }
 
 void SGFilterSegment::appendRepresentedObjectsToArray(Array& array) const {
-  if (itemCount() == 0 || !innerSegment_) return;
+  if (itemCount() == 0 || !innerSegment()) return;
   // The shown inner objects one by one, rather than all inner objects
   // collected and most of them dropped. Inside a pass, before the exit hook
   // has followed the inner change, the mapping may name inner items that are
   // gone; those positions give the null value, so that the count stays
   // itemCount().
-  const int64_t innerCount = innerSegment_->itemCount();
+  const int64_t innerCount = innerSegment()->itemCount();
   array.reserve(array.size() + mapping_->vector().size());
   for (int64_t index : mapping_->vector()) {
     std::optional<Value> object;
-    if (index >= 0 && index < innerCount) object = innerSegment_->representedObjectAtIndex(index);
+    if (index >= 0 && index < innerCount) object = innerSegment()->representedObjectAtIndex(index);
     array.push_back(object ? std::move(*object) : Value::null());
   }
 }
@@ -122,20 +112,9 @@ IndexSet SGFilterSegment::indexSetByTransformingInnerSegmentIndexSet(const Index
   return IndexSet::fromIndexes(positions);
 }
 
-void SGFilterSegment::depthFirstSearchStop(const DepthFirstSearchBlock& block, bool& stop) {
-  SGSegment::depthFirstSearchStop(block, stop);
-  if (innerSegment_) innerSegment_->depthFirstSearchStop(block, stop);
-}
-
-NPWSuccessors SGFilterSegment::nextNodesForNotification(NPWNotification&) {
-  if (!innerSegment_) return {};
-  return {NPWSuccessor(innerSegment_)};
-}
-
 void SGFilterSegment::willExitNodeWithNotification(NPWNotification& notification) {
-  Ref<SGSegment> inner = innerSegment_;
-  Ref<UGListTransform> innerTransform =
-      inner ? transformForRelationOfSegmentInNotification(SGSegmentItemsRelation, *inner, notification) : nullptr;
+  Ref<SGSegment> inner = innerSegment();
+  Ref<UGListTransform> innerTransform = innerItemsTransformInNotification(notification);
   if (innerTransform && !innerTransform->isIdentity()) {
     // A copy: the test may replace the filter's block while it runs.
     const FilterBlock test = filterBlock_;

@@ -24,19 +24,17 @@ bool sameDescriptors(const std::vector<SortDescriptor>& a, const std::vector<Sor
 SGSortingSegment::SGSortingSegment() : keys_(std::make_unique<sgdetail::SortKeyCache>()) {}
 
 SGSortingSegment::SGSortingSegment(std::string debugName)
-    : SGContainerSegment(std::move(debugName)), keys_(std::make_unique<sgdetail::SortKeyCache>()) {}
+    : SGInnerSegmentContainer(std::move(debugName)), keys_(std::make_unique<sgdetail::SortKeyCache>()) {}
 
 SGSortingSegment::~SGSortingSegment() = default;
 
 void SGSortingSegment::setInnerSegment(Ref<SGSegment> segment) {
-  if (segment == innerSegment_) return;
-  if (innerSegment_) {
-    releaseChildSegment(*innerSegment_);
-    innerSegment_.reset();
+  if (segment == innerSegment()) return;
+  if (innerSegment()) {
+    releaseInnerSegment();
     updateMappingAndNotify();
   }
-  innerSegment_ = std::move(segment);
-  if (innerSegment_) adoptChildSegment(*innerSegment_);
+  adoptInnerSegment(std::move(segment));
   keys_->clear();
   updateMappingAndNotify();
 }
@@ -56,11 +54,11 @@ void SGSortingSegment::updateMappingAndNotify() {
 
 Ref<UGListTransform> SGSortingSegment::_updateMapping() {
   std::vector<int64_t> sorted;
-  if (innerSegment_) {
-    const int64_t count = innerSegment_->itemCount();
+  if (innerSegment()) {
+    const int64_t count = innerSegment()->itemCount();
     Array objects;
     objects.reserve(static_cast<size_t>(std::max<int64_t>(count, 0)));
-    innerSegment_->appendRepresentedObjectsToArray(objects);
+    innerSegment()->appendRepresentedObjectsToArray(objects);
     if (static_cast<int64_t>(objects.size()) == count) {
       sorted = keys_->sortedMapping(mapping_, objects);
     } else {
@@ -72,7 +70,7 @@ Ref<UGListTransform> SGSortingSegment::_updateMapping() {
       sortUsingDescriptorsResultingTransform(scratch, sortDescriptors_.value_or(std::vector<SortDescriptor>{}),
                                              &applied);
       Array indexes;
-      for (int64_t i = 0; i < innerSegment_->itemCount(); ++i) indexes.emplace_back(i);
+      for (int64_t i = 0; i < innerSegment()->itemCount(); ++i) indexes.emplace_back(i);
       applyTransformIgnoringObjectsInTransform(indexes, *applied, true);
       for (const Value& index : indexes) sorted.push_back(index.isInteger() ? index.integerValue() : NotFound);
     }
@@ -108,7 +106,7 @@ int64_t SGSortingSegment::transformIndexFromChildSegment(int64_t index, const SG
 }
 
 int64_t SGSortingSegment::transformIndexToChildSegment(int64_t index, Ref<SGSegment>* outChild) const {
-  if (outChild != nullptr) *outChild = innerSegment_;
+  if (outChild != nullptr) *outChild = innerSegment();
   if (index < 0 || static_cast<size_t>(index) >= mapping_.size()) {
     throw Exception(ExceptionKind::OutOfRange,
                     "index " + std::to_string(index) + " beyond bounds [0 .. " + std::to_string(mapping_.size()) + "]");
@@ -121,21 +119,21 @@ int64_t SGSortingSegment::transformDropIndexFromChildSegment(int64_t, const SGSe
 int64_t SGSortingSegment::transformDropIndexToChildSegment(int64_t, Ref<SGSegment>*) const { return NotFound; }
 
 std::optional<IndexSet> SGSortingSegment::indexesForRepresentedObject(const Value& object) const {
-  if (!innerSegment_) return IndexSet();
+  if (!innerSegment()) return IndexSet();
   return indexSetByTransformingInnerSegmentIndexSet(
-      innerSegment_->indexesForRepresentedObject(object).value_or(IndexSet()));
+      innerSegment()->indexesForRepresentedObject(object).value_or(IndexSet()));
 }
 
 IndexSet SGSortingSegment::indexSetByTransformingInnerSegmentIndexSet(const IndexSet& innerIndexes) const {
   IndexSet result;
-  for (int64_t index : innerIndexes) result.addIndex(transformIndexFromChildSegment(index, innerSegment_.get()));
+  for (int64_t index : innerIndexes) result.addIndex(transformIndexFromChildSegment(index, innerSegment().get()));
   return result;
 }
 
 void SGSortingSegment::appendRepresentedObjectsToArray(Array& array) const {
-  if (!innerSegment_) return;
+  if (!innerSegment()) return;
   Array scratch;
-  innerSegment_->appendRepresentedObjectsToArray(scratch);
+  innerSegment()->appendRepresentedObjectsToArray(scratch);
   // Between passes the mapping is a permutation of the inner items and this
   // is the documented reordering. Inside a pass, before the exit hook has
   // followed the inner change, it may name inner items that are gone; those
@@ -147,21 +145,9 @@ void SGSortingSegment::appendRepresentedObjectsToArray(Array& array) const {
   }
 }
 
-void SGSortingSegment::depthFirstSearchStop(const DepthFirstSearchBlock& block, bool& stop) {
-  SGSegment::depthFirstSearchStop(block, stop);
-  if (innerSegment_) innerSegment_->depthFirstSearchStop(block, stop);
-}
-
-NPWSuccessors SGSortingSegment::nextNodesForNotification(NPWNotification&) {
-  if (!innerSegment_) return {};
-  return {NPWSuccessor(innerSegment_)};
-}
-
 void SGSortingSegment::willExitNodeWithNotification(NPWNotification& notification) {
   bool inserted = false;
-  Ref<UGListTransform> innerTransform =
-      innerSegment_ ? transformForRelationOfSegmentInNotification(SGSegmentItemsRelation, *innerSegment_, notification)
-                    : nullptr;
+  Ref<UGListTransform> innerTransform = innerItemsTransformInNotification(notification);
   if (innerTransform && !innerTransform->isIdentity()) {
     std::vector<int64_t> surviving;
     auto transform = sgdetail::sortingFollowInnerTransform(mapping_, *innerTransform, inserted, surviving);
@@ -172,7 +158,7 @@ void SGSortingSegment::willExitNodeWithNotification(NPWNotification& notificatio
   }
   // Inserted items stand at the end until this sort puts them in place.
   if (inserted || !shouldSortBlock_ || shouldSortBlock_(notification)) updateMappingAndNotify();
-  SGContainerSegment::willExitNodeWithNotification(notification);
+  SGInnerSegmentContainer::willExitNodeWithNotification(notification);
 }
 
 }  // namespace loomwork

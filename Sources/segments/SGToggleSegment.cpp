@@ -12,19 +12,26 @@ std::optional<Value> objectOrNone(const Value& value) {
   return value;
 }
 
+// One item per object, at the object's index.
+void appendItemsForObjects(UGListTransformItemArray& items, const Array& objects) {
+  items.reserve(items.size() + objects.size());
+  for (size_t i = 0; i < objects.size(); ++i) {
+    items.push_back(UGListTransformItem::itemWithIndexObject(static_cast<int64_t>(i), objectOrNone(objects[i])));
+  }
+}
+
 }  // namespace
 
 SGToggleSegment::SGToggleSegment() = default;
 
-SGToggleSegment::SGToggleSegment(std::string debugName) : SGContainerSegment(std::move(debugName)) {}
+SGToggleSegment::SGToggleSegment(std::string debugName) : SGInnerSegmentContainer(std::move(debugName)) {}
 
 SGToggleSegment::~SGToggleSegment() = default;
 
 void SGToggleSegment::setInnerSegment(Ref<SGSegment> segment) {
-  if (segment == innerSegment_) return;
-  if (innerSegment_) releaseChildSegment(*innerSegment_);
-  innerSegment_ = std::move(segment);
-  if (innerSegment_) adoptChildSegment(*innerSegment_);
+  if (segment == innerSegment()) return;
+  releaseInnerSegment();
+  adoptInnerSegment(std::move(segment));
   reevaluate();
 }
 
@@ -44,30 +51,22 @@ void SGToggleSegment::_setShowsInnerSegmentNotify(bool shows, bool notify) {
 
 Ref<UGMutableListTransform> SGToggleSegment::_transformForShowingItems() const {
   auto transform = UGMutableListTransform::transform();
-  if (!innerSegment_) return transform;
+  if (!innerSegment()) return transform;
   Array objects;
-  innerSegment_->appendRepresentedObjectsToArray(objects);
-  auto& insertions = transform->mutableInsertions();
-  insertions.reserve(objects.size());
-  for (size_t i = 0; i < objects.size(); ++i) {
-    insertions.push_back(UGListTransformItem::itemWithIndexObject(static_cast<int64_t>(i), objectOrNone(objects[i])));
-  }
+  innerSegment()->appendRepresentedObjectsToArray(objects);
+  appendItemsForObjects(transform->mutableInsertions(), objects);
   return transform;
 }
 
 Ref<UGMutableListTransform> SGToggleSegment::_transformForHidingItemsWithInnerTransform(
     const UGListTransform* innerTransform) const {
   auto transform = UGMutableListTransform::transform();
-  if (!innerSegment_) return transform;
+  if (!innerSegment()) return transform;
   Array objects;
-  innerSegment_->appendRepresentedObjectsToArray(objects);
+  innerSegment()->appendRepresentedObjectsToArray(objects);
   // Back to the items as they were before the inner change.
   if (innerTransform != nullptr) applyTransform(objects, *innerTransform->inverseTransform());
-  auto& deletions = transform->mutableDeletions();
-  deletions.reserve(objects.size());
-  for (size_t i = 0; i < objects.size(); ++i) {
-    deletions.push_back(UGListTransformItem::itemWithIndexObject(static_cast<int64_t>(i), objectOrNone(objects[i])));
-  }
+  appendItemsForObjects(transform->mutableDeletions(), objects);
   return transform;
 }
 
@@ -78,12 +77,12 @@ void SGToggleSegment::setShowsInnerSegmentBlock(ShowsInnerSegmentBlock block) {
 }
 
 void SGToggleSegment::reevaluate() {
-  if (!innerSegment_ || !showsInnerSegmentBlock_) return;
+  if (!innerSegment() || !showsInnerSegmentBlock_) return;
   _setShowsInnerSegmentNotify(showsInnerSegmentBlock_(nullptr, showsInnerSegment_), true);
 }
 
 int64_t SGToggleSegment::itemCount() const {
-  return showsInnerSegment_ && innerSegment_ ? innerSegment_->itemCount() : 0;
+  return showsInnerSegment_ && innerSegment() ? innerSegment()->itemCount() : 0;
 }
 
 int64_t SGToggleSegment::transformIndexFromChildSegment(int64_t index, const SGSegment*) const {
@@ -92,12 +91,8 @@ int64_t SGToggleSegment::transformIndexFromChildSegment(int64_t index, const SGS
 
 int64_t SGToggleSegment::transformIndexToChildSegment(int64_t index, Ref<SGSegment>* outChild) const {
   if (!showsInnerSegment_) return NotFound;
-  if (outChild != nullptr) *outChild = innerSegment_;
+  if (outChild != nullptr) *outChild = innerSegment();
   return index;
-}
-
-int64_t SGToggleSegment::transformDropIndexFromChildSegment(int64_t index, const SGSegment* child) const {
-  return transformIndexFromChildSegment(index, child);
 }
 
 int64_t SGToggleSegment::transformDropIndexToChildSegment(int64_t index, Ref<SGSegment>* outChild) const {
@@ -105,45 +100,26 @@ int64_t SGToggleSegment::transformDropIndexToChildSegment(int64_t index, Ref<SGS
 }
 
 std::optional<IndexSet> SGToggleSegment::indexesForRepresentedObject(const Value& object) const {
-  IndexSet result;
-  if (!innerSegment_ || !showsInnerSegment_) return result;
-  if (auto inner = innerSegment_->indexesForRepresentedObject(object)) {
-    for (int64_t index : *inner) {
-      const int64_t mapped = transformIndexFromChildSegment(index, innerSegment_.get());
-      if (mapped != NotFound) result.addIndex(mapped);
-    }
-  }
-  return result;
+  if (!showsInnerSegment_) return IndexSet();
+  return mappedIndexesForRepresentedObject(object);
 }
 
 void SGToggleSegment::appendRepresentedObjectsToArray(Array& array) const {
-  if (showsInnerSegment_ && innerSegment_) innerSegment_->appendRepresentedObjectsToArray(array);
-}
-
-void SGToggleSegment::depthFirstSearchStop(const DepthFirstSearchBlock& block, bool& stop) {
-  SGSegment::depthFirstSearchStop(block, stop);
-  if (innerSegment_) innerSegment_->depthFirstSearchStop(block, stop);
-}
-
-NPWSuccessors SGToggleSegment::nextNodesForNotification(NPWNotification&) {
-  if (!innerSegment_) return {};
-  return {NPWSuccessor(innerSegment_)};
+  if (showsInnerSegment_ && innerSegment()) innerSegment()->appendRepresentedObjectsToArray(array);
 }
 
 void SGToggleSegment::didEnterNodeWithNotification(NPWNotification& notification) {
-  SGContainerSegment::didEnterNodeWithNotification(notification);
+  SGInnerSegmentContainer::didEnterNodeWithNotification(notification);
   processingNotification_ = true;
   wasShowingInnerSegmentBeforeNotification_ = showsInnerSegment_;
 }
 
 void SGToggleSegment::willExitNodeWithNotification(NPWNotification& notification) {
-  SGContainerSegment::willExitNodeWithNotification(notification);
+  SGInnerSegmentContainer::willExitNodeWithNotification(notification);
   if (showsInnerSegmentBlock_) showsInnerSegment_ = showsInnerSegmentBlock_(&notification, showsInnerSegment_);
   processingNotification_ = false;
   const bool now = showsInnerSegment_, was = wasShowingInnerSegmentBeforeNotification_;
-  Ref<UGListTransform> innerTransform =
-      innerSegment_ ? transformForRelationOfSegmentInNotification(SGSegmentItemsRelation, *innerSegment_, notification)
-                    : nullptr;
+  Ref<UGListTransform> innerTransform = innerItemsTransformInNotification(notification);
   Ref<UGListTransform> result;
   if (now && was) {
     result = innerTransform;

@@ -8,6 +8,7 @@
 #include "loomwork/segments/SGContainerSegment.h"
 #include "loomwork/segments/SGFilterSegment.h"
 #include "loomwork/segments/SGGroupSegment.h"
+#include "loomwork/segments/SGInnerSegmentContainer.h"
 #include "loomwork/segments/SGListSegment.h"
 #include "loomwork/segments/SGPassthroughSegment.h"
 #include "loomwork/segments/SGSegment.h"

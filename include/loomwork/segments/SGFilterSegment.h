@@ -8,7 +8,7 @@
 
 #include "loomwork/additions/IntegerArray.h"
 #include "loomwork/platform/IndexSet.h"
-#include "loomwork/segments/SGContainerSegment.h"
+#include "loomwork/segments/SGInnerSegmentContainer.h"
 
 #pragma GCC visibility push(default)
 namespace loomwork {
@@ -28,7 +28,7 @@ namespace loomwork {
 //
 // Changing the block or the inner segment recomputes and publishes at once.
 // Used on the thread that processes notifications.
-class SGFilterSegment : public SGContainerSegment {
+class SGFilterSegment : public SGInnerSegmentContainer {
  public:
   // Whether the inner item at the index is shown.
   using FilterBlock = std::function<bool(SGSegment& innerSegment, int64_t innerIndex)>;
@@ -40,7 +40,6 @@ class SGFilterSegment : public SGContainerSegment {
   explicit SGFilterSegment(std::string debugName);
   ~SGFilterSegment() override;
 
-  const Ref<SGSegment>& innerSegment() const { return innerSegment_; }
   // Another segment: publishes the removal of every shown item, adopts the
   // new one and publishes its shown items. Nothing for the same segment.
   void setInnerSegment(Ref<SGSegment> segment);
@@ -88,15 +87,11 @@ class SGFilterSegment : public SGContainerSegment {
   // The positions whose inner index is in the set.
   IndexSet indexSetByTransformingInnerSegmentIndexSet(const IndexSet& innerIndexes) const;
 
-  void depthFirstSearchStop(const DepthFirstSearchBlock& block, bool& stop) override;
-  // The inner segment, or nothing.
-  NPWSuccessors nextNodesForNotification(NPWNotification& notification) override;
   void willExitNodeWithNotification(NPWNotification& notification) override;
 
  private:
   Ref<UGListTransform> _updateMapping();
 
-  Ref<SGSegment> innerSegment_;
   FilterBlock filterBlock_;
   ShouldRefilterOnNotificationBlock shouldRefilterOnNotificationBlock_;
   Ref<LWMutableIntegerArray> mapping_;

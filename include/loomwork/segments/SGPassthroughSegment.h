@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "loomwork/platform/IndexSet.h"
-#include "loomwork/segments/SGContainerSegment.h"
+#include "loomwork/segments/SGInnerSegmentContainer.h"
 
 #pragma GCC visibility push(default)
 namespace loomwork {
@@ -16,12 +16,11 @@ namespace loomwork {
 // deletion of the old items and then the insertion of the new ones, each
 // even when it changes nothing. Used on the thread that processes
 // notifications.
-class SGPassthroughSegment : public SGContainerSegment {
+class SGPassthroughSegment : public SGInnerSegmentContainer {
  public:
-  using SGContainerSegment::SGContainerSegment;
+  using SGInnerSegmentContainer::SGInnerSegmentContainer;
   ~SGPassthroughSegment() override;
 
-  const Ref<SGSegment>& innerSegment() const { return innerSegment_; }
   void setInnerSegment(Ref<SGSegment> segment);
 
   // The inner segment's count; 0 without one.
@@ -31,20 +30,17 @@ class SGPassthroughSegment : public SGContainerSegment {
   // The index unchanged with the inner segment as child; NotFound (child
   // untouched) for NotFound.
   int64_t transformIndexToChildSegment(int64_t index, Ref<SGSegment>* outChild) const override;
-  int64_t transformDropIndexFromChildSegment(int64_t index, const SGSegment* child) const override;
+  // The drop forms map as the plain ones do.
   int64_t transformDropIndexToChildSegment(int64_t index, Ref<SGSegment>* outChild) const override;
 
   std::optional<IndexSet> indexesForRepresentedObject(const Value& object) const override;
   void appendRepresentedObjectsToArray(Array& array) const override;
-  void depthFirstSearchStop(const DepthFirstSearchBlock& block, bool& stop) override;
-  NPWSuccessors nextNodesForNotification(NPWNotification& notification) override;
   void willExitNodeWithNotification(NPWNotification& notification) override;
   // The base description, then the inner segment's four spaces deeper.
   std::string recursiveDescriptionForNotificationIndentation(NPWNotification* notification,
                                                              int64_t indentation) override;
 
  private:
-  Ref<SGSegment> innerSegment_;
 };
 
 }  // namespace loomwork

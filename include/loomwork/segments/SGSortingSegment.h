@@ -10,7 +10,7 @@
 
 #include "loomwork/platform/IndexSet.h"
 #include "loomwork/platform/SortDescriptor.h"
-#include "loomwork/segments/SGContainerSegment.h"
+#include "loomwork/segments/SGInnerSegmentContainer.h"
 
 #pragma GCC visibility push(default)
 namespace loomwork {
@@ -35,7 +35,7 @@ class SortKeyCache;
 // A sorted segment accepts no drops. Changing the descriptors or the inner
 // segment sorts and publishes at once. Used on the thread that processes
 // notifications.
-class SGSortingSegment : public SGContainerSegment {
+class SGSortingSegment : public SGInnerSegmentContainer {
  public:
   // Whether a notification without inner insertions calls for a sort.
   using ShouldSortBlock = std::function<bool(NPWNotification& notification)>;
@@ -44,7 +44,6 @@ class SGSortingSegment : public SGContainerSegment {
   explicit SGSortingSegment(std::string debugName);
   ~SGSortingSegment() override;
 
-  const Ref<SGSegment>& innerSegment() const { return innerSegment_; }
   // Another segment: publishes the removal of every shown item, adopts the
   // new one and publishes its items, sorted. Nothing for the same segment.
   void setInnerSegment(Ref<SGSegment> segment);
@@ -84,9 +83,6 @@ class SGSortingSegment : public SGContainerSegment {
   // adds NotFound, which an index set cannot hold, so it is left out.
   IndexSet indexSetByTransformingInnerSegmentIndexSet(const IndexSet& innerIndexes) const;
 
-  void depthFirstSearchStop(const DepthFirstSearchBlock& block, bool& stop) override;
-  // The inner segment, or nothing.
-  NPWSuccessors nextNodesForNotification(NPWNotification& notification) override;
   void willExitNodeWithNotification(NPWNotification& notification) override;
 
  private:
@@ -94,7 +90,6 @@ class SGSortingSegment : public SGContainerSegment {
   void mappingChanged() { positionsValid_ = false; }
   void buildPositions() const;
 
-  Ref<SGSegment> innerSegment_;
   std::optional<std::vector<SortDescriptor>> sortDescriptors_;
   ShouldSortBlock shouldSortBlock_;
   std::vector<int64_t> mapping_;

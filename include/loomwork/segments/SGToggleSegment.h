@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "loomwork/platform/IndexSet.h"
-#include "loomwork/segments/SGContainerSegment.h"
+#include "loomwork/segments/SGInnerSegmentContainer.h"
 
 #pragma GCC visibility push(default)
 namespace loomwork {
@@ -23,7 +23,7 @@ namespace loomwork {
 // to the state at entry (hiding deletes the items as they were before the
 // inner segment's change of the same pass). Replacing the inner segment
 // publishes nothing by itself. Used on the thread that processes notifications.
-class SGToggleSegment : public SGContainerSegment {
+class SGToggleSegment : public SGInnerSegmentContainer {
  public:
   // Whether to show, given the notification (absent outside a pass) and the
   // current flag.
@@ -33,7 +33,6 @@ class SGToggleSegment : public SGContainerSegment {
   explicit SGToggleSegment(std::string debugName);
   ~SGToggleSegment() override;
 
-  const Ref<SGSegment>& innerSegment() const { return innerSegment_; }
   void setInnerSegment(Ref<SGSegment> segment);
 
   bool showsInnerSegment() const { return showsInnerSegment_; }
@@ -57,7 +56,7 @@ class SGToggleSegment : public SGContainerSegment {
   // The index unchanged with the inner segment as child while shown; NotFound
   // (child untouched) while hidden.
   int64_t transformIndexToChildSegment(int64_t index, Ref<SGSegment>* outChild) const override;
-  int64_t transformDropIndexFromChildSegment(int64_t index, const SGSegment* child) const override;
+  // The drop forms map as the plain ones do.
   int64_t transformDropIndexToChildSegment(int64_t index, Ref<SGSegment>* outChild) const override;
 
   // The inner segment's indexes while shown; none while hidden.
@@ -65,8 +64,6 @@ class SGToggleSegment : public SGContainerSegment {
   // The inner segment's objects while shown.
   void appendRepresentedObjectsToArray(Array& array) const override;
   // Reaches the inner segment also while hidden.
-  void depthFirstSearchStop(const DepthFirstSearchBlock& block, bool& stop) override;
-  NPWSuccessors nextNodesForNotification(NPWNotification& notification) override;
   void didEnterNodeWithNotification(NPWNotification& notification) override;
   void willExitNodeWithNotification(NPWNotification& notification) override;
 
@@ -77,7 +74,6 @@ class SGToggleSegment : public SGContainerSegment {
   void _setShowsInnerSegmentNotify(bool shows, bool notify);
 
  private:
-  Ref<SGSegment> innerSegment_;
   bool showsInnerSegment_ = true;
   ShowsInnerSegmentBlock showsInnerSegmentBlock_;
   bool processingNotification_ = false;
