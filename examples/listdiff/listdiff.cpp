@@ -21,11 +21,8 @@
 #include <string_view>
 #include <vector>
 
+#include "common/ToolSupport.h"
 #include "loomwork/listtransform.h"
-
-#ifndef LOOMWORK_VERSION
-#define LOOMWORK_VERSION "unknown"
-#endif
 
 using namespace loomwork;
 
@@ -61,10 +58,7 @@ struct Options {
   std::vector<std::string> lists;
 };
 
-[[noreturn]] void usageError(const std::string& what) {
-  std::fprintf(stderr, "loomwork-listdiff: %s\nTry 'loomwork-listdiff --help' for more information.\n", what.c_str());
-  std::exit(2);
-}
+[[noreturn]] void usageError(const std::string& what) { tool::usageError("loomwork-listdiff", what); }
 
 Options parseOptions(int argc, char** argv) {
   Options options;
@@ -78,11 +72,9 @@ Options parseOptions(int argc, char** argv) {
     if (arg == "--") {
       endOfOptions = true;
     } else if (arg == "-h" || arg == "--help") {
-      std::fputs(kHelp, stdout);
-      std::exit(std::fflush(stdout) == 0 ? 0 : 2);
+      tool::printHelpAndExit(kHelp);
     } else if (arg == "-V" || arg == "--version") {
-      std::printf("loomwork-listdiff %s\n", LOOMWORK_VERSION);
-      std::exit(std::fflush(stdout) == 0 ? 0 : 2);
+      tool::printVersionAndExit("loomwork-listdiff");
     } else if (arg == "-f" || arg == "--files") {
       options.files = true;
     } else if (arg == "-w" || arg == "--words") {
@@ -178,27 +170,6 @@ Array readList(const std::string& name, bool words) {
   if (!standardInput) close(fd);
   return words ? splitWords(text) : splitLines(text);
 }
-
-// Buffered standard output.
-class Output {
- public:
-  void append(std::string_view text) {
-    buffer_ += text;
-    if (buffer_.size() >= (size_t{1} << 18)) flush();
-  }
-  void flush() {
-    if (std::fwrite(buffer_.data(), 1, buffer_.size(), stdout) != buffer_.size()) failed_ = true;
-    buffer_.clear();
-  }
-  bool finish() {
-    flush();
-    return std::fflush(stdout) == 0 && !failed_;
-  }
-
- private:
-  std::string buffer_;
-  bool failed_ = false;
-};
 
 // A list of item numbers with insertion and removal at any position, to
 // replay a million steps: the items lie in blocks of one to two thousand, a
@@ -305,7 +276,7 @@ int main(int argc, char** argv) {
   for (const auto& item : transform->deletions()) (item->hasMoveLink() ? moves : deletions) += 1;
   for (const auto& item : transform->insertions()) insertions += item->hasMoveLink() ? 0 : 1;
 
-  Output out;
+  tool::BufferedOutput out;
   auto describeList = [&](const char* name, const Array& list) {
     out.append(std::string(name) + ": " + std::to_string(list.size()) + (list.size() == 1 ? " item" : " items"));
     if (list.size() <= 100) out.append(" " + Value(list).description());

@@ -30,10 +30,7 @@
 #include <vector>
 
 #include "PathScorer.h"
-
-#ifndef LOOMWORK_VERSION
-#define LOOMWORK_VERSION "unknown"
-#endif
+#include "common/ToolSupport.h"
 
 namespace {
 
@@ -64,10 +61,7 @@ struct Options {
   std::string query;
 };
 
-[[noreturn]] void usageError(const std::string& what) {
-  std::fprintf(stderr, "loomwork-rank: %s\nTry 'loomwork-rank --help' for more information.\n", what.c_str());
-  std::exit(2);
-}
+[[noreturn]] void usageError(const std::string& what) { tool::usageError("loomwork-rank", what); }
 
 bool parseCount(std::string_view text, size_t& out) {
   auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), out);
@@ -116,12 +110,10 @@ Options parseOptions(int argc, char** argv) {
     };
     if (name == "-h" || name == "--help") {
       noValue();
-      std::fputs(kHelp, stdout);
-      std::exit(std::fflush(stdout) == 0 ? 0 : 2);
+      tool::printHelpAndExit(kHelp);
     } else if (name == "-V" || name == "--version") {
       noValue();
-      std::printf("loomwork-rank %s\n", LOOMWORK_VERSION);
-      std::exit(std::fflush(stdout) == 0 ? 0 : 2);
+      tool::printVersionAndExit("loomwork-rank");
     } else if (name == "-n" || name == "--limit") {
       const std::string_view text = value();
       if (!parseCount(text, options.limit))
@@ -226,34 +218,19 @@ void scoreLines(std::string_view text, size_t begin, size_t end, const std::vect
   });
 }
 
-// Buffered standard output.
-class Output {
+// Buffered standard output, a line at a time, each after its score when asked.
+class Output : public tool::BufferedOutput {
  public:
-  Output() { buffer_.reserve(kFlushAt + 64); }
   void line(std::string_view text, const float* score) {
     if (score != nullptr) {
       char number[32];
       auto result = std::to_chars(number, number + sizeof number, *score, std::chars_format::fixed, 6);
-      buffer_.append(number, result.ptr);
-      buffer_ += '\t';
+      append(std::string_view(number, static_cast<size_t>(result.ptr - number)));
+      append("\t");
     }
-    buffer_.append(text);
-    buffer_ += '\n';
-    if (buffer_.size() >= kFlushAt) flush();
+    append(text);
+    append("\n");
   }
-  void flush() {
-    if (std::fwrite(buffer_.data(), 1, buffer_.size(), stdout) != buffer_.size()) failed_ = true;
-    buffer_.clear();
-  }
-  bool finish() {
-    flush();
-    return std::fflush(stdout) == 0 && !failed_;
-  }
-
- private:
-  static constexpr size_t kFlushAt = size_t{1} << 18;
-  std::string buffer_;
-  bool failed_ = false;
 };
 
 }  // namespace
