@@ -207,83 +207,26 @@ std::string TWDayDate::description() const { return "TWDayDate " + Value(gmtDate
 
 // Date-components factories.
 
-DateComponents componentsWithWeekday(int64_t weekday) {
-  DateComponents c;
-  c.weekday = weekday;
-  return c;
-}
-DateComponents componentsWithDay(int64_t day) {
-  DateComponents c;
-  c.day = day;
-  return c;
-}
-DateComponents componentsWithWeek(int64_t week) {
-  DateComponents c;
-  c.week = week;
-  return c;
-}
-DateComponents componentsWithWeekOfMonth(int64_t weekOfMonth) {
-  DateComponents c;
-  c.weekOfMonth = weekOfMonth;
-  return c;
-}
-DateComponents componentsWithWeekOfYear(int64_t weekOfYear) {
-  DateComponents c;
-  c.weekOfYear = weekOfYear;
-  return c;
-}
-DateComponents componentsWithMonth(int64_t month) {
-  DateComponents c;
-  c.month = month;
-  return c;
-}
-DateComponents componentsWithYear(int64_t year) {
-  DateComponents c;
-  c.year = year;
-  return c;
-}
+DateComponents componentsWithWeekday(int64_t weekday) { return {.weekday = weekday}; }
+DateComponents componentsWithDay(int64_t day) { return {.day = day}; }
+DateComponents componentsWithWeek(int64_t week) { return {.week = week}; }
+DateComponents componentsWithWeekOfMonth(int64_t weekOfMonth) { return {.weekOfMonth = weekOfMonth}; }
+DateComponents componentsWithWeekOfYear(int64_t weekOfYear) { return {.weekOfYear = weekOfYear}; }
+DateComponents componentsWithMonth(int64_t month) { return {.month = month}; }
+DateComponents componentsWithYear(int64_t year) { return {.year = year}; }
 DateComponents componentsWithYearMonthDay(int64_t year, int64_t month, int64_t day) {
-  DateComponents c;
-  c.year = year;
-  c.month = month;
-  c.day = day;
-  return c;
+  return {.year = year, .month = month, .day = day};
 }
 DateComponents componentsWithWeekdayOrdinal(int64_t weekday, int64_t ordinal) {
-  DateComponents c;
-  c.weekday = weekday;
-  c.weekdayOrdinal = ordinal;
-  return c;
+  return {.weekday = weekday, .weekdayOrdinal = ordinal};
 }
-DateComponents componentsWithMonthDay(int64_t month, int64_t day) {
-  DateComponents c;
-  c.month = month;
-  c.day = day;
-  return c;
-}
+DateComponents componentsWithMonthDay(int64_t month, int64_t day) { return {.month = month, .day = day}; }
 DateComponents componentsWithMonthWeekdayOrdinal(int64_t month, int64_t weekday, int64_t ordinal) {
-  DateComponents c;
-  c.month = month;
-  c.weekday = weekday;
-  c.weekdayOrdinal = ordinal;
-  return c;
+  return {.month = month, .weekday = weekday, .weekdayOrdinal = ordinal};
 }
-DateComponents componentsWithHour(int64_t hour) {
-  DateComponents c;
-  c.hour = hour;
-  return c;
-}
-DateComponents componentsWithMinute(int64_t minute) {
-  DateComponents c;
-  c.minute = minute;
-  return c;
-}
-DateComponents componentsWithHourMinute(int64_t hour, int64_t minute) {
-  DateComponents c;
-  c.hour = hour;
-  c.minute = minute;
-  return c;
-}
+DateComponents componentsWithHour(int64_t hour) { return {.hour = hour}; }
+DateComponents componentsWithMinute(int64_t minute) { return {.minute = minute}; }
+DateComponents componentsWithHourMinute(int64_t hour, int64_t minute) { return {.hour = hour, .minute = minute}; }
 
 // Calendar operations.
 
