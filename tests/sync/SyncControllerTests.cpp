@@ -74,13 +74,25 @@ Ref<OTPathComponent> component(OTState from, OTState to, Ref<UGMutableTransactio
   return make<OTPathComponent>(kIdentifier, operation ? operation : UGMutableTransaction::transaction(), from, to);
 }
 
+// Stores components as if they had arrived, without the recording hook.
+void store(Source& source, OTSyncController& controller, std::initializer_list<Ref<OTPathComponent>> components) {
+  for (const auto& c : components)
+    source.MemoryStorage::OTSyncControllerRecordPathComponentEnqueueForTransfer(controller, c, false);
+}
+
+// A controller on `source` as a process starting up: restored, not yet seeded.
+Ref<OTSyncController> boot(const std::shared_ptr<Source>& source, uint64_t type) {
+  auto controller = make<OTSyncController>(type);
+  controller->setDataSource(source);
+  if (type == OTSyncControllerTypeServer) controller->setMergeClass(OTMergeClassOf<OTMerge>());
+  controller->restoreInternalState();
+  return controller;
+}
+
 struct Fixture {
   std::shared_ptr<Source> source = std::make_shared<Source>();
   Ref<OTSyncController> controller;
-  explicit Fixture(uint64_t type, OTState at = OTState()) : controller(make<OTSyncController>(type)) {
-    controller->setDataSource(source);
-    if (type == OTSyncControllerTypeServer) controller->setMergeClass(OTMergeClassOf<OTMerge>());
-    controller->restoreInternalState();
+  explicit Fixture(uint64_t type, OTState at = OTState()) : controller(boot(source, type)) {
     controller->resetIfNeededAndSeedUsingStateSpaceIdentifier(kIdentifier);
     controller->setCurrentState(at);
     source->recorded.clear();
@@ -89,17 +101,10 @@ struct Fixture {
 };
 
 TEST(SyncController, SeedingPersistsAndRestores) {
-  Fixture empty(OTSyncControllerTypeClient);
-  EXPECT_EQ(empty.controller->currentState(), OTState(0, 0));
-  EXPECT_EQ(empty.source->pathComponentCount(), 0u);
-  EXPECT_FALSE(empty.controller->needsInitialSeed());
-
   for (uint64_t type : {OTSyncControllerTypeClient, OTSyncControllerTypeServer}) {
     auto source = std::make_shared<Source>();
     source->seed = setting("A", "title", "x", UGEntityOperationTypeCreate);
-    auto controller = make<OTSyncController>(type);
-    controller->setDataSource(source);
-    controller->restoreInternalState();
+    auto controller = boot(source, type);
     controller->resetIfNeededAndSeedUsingStateSpaceIdentifier(kIdentifier);
     const OTState end = type == OTSyncControllerTypeClient ? OTState(0, 1) : OTState(1, 0);
     EXPECT_EQ(controller->currentState(), end);
@@ -110,9 +115,7 @@ TEST(SyncController, SeedingPersistsAndRestores) {
     EXPECT_EQ(source->ends, 1);
 
     // A fresh controller on the same storage comes back to the same place.
-    auto restored = make<OTSyncController>(type);
-    restored->setDataSource(source);
-    restored->restoreInternalState();
+    auto restored = boot(source, type);
     EXPECT_EQ(restored->internalState(), 1u);
     EXPECT_EQ(restored->currentState(), end);
     EXPECT_TRUE(restored->stateSpaceIdentifier()->isEqual(*kIdentifier));
@@ -124,21 +127,14 @@ TEST(SyncController, SeedingPersistsAndRestores) {
     EXPECT_FALSE(restored->currentState());
     EXPECT_TRUE(restored->stateSpaceIdentifier());
     EXPECT_EQ(source->pathComponentCount(), 0u);
-    auto afterReset = make<OTSyncController>(type);
-    afterReset->setDataSource(source);
-    afterReset->restoreInternalState();
-    EXPECT_EQ(afterReset->internalState(), 0u);
-    EXPECT_TRUE(afterReset->needsInitialSeed());
+    EXPECT_TRUE(boot(source, type)->needsInitialSeed());
   }
 
   // Internal state 1 without an identifier restores as 0.
   auto source = std::make_shared<Source>();
   OTSyncController probe(OTSyncControllerTypeClient);
   source->OTSyncControllerSetValueForKey(probe, Value(1), kOTSyncControllerInternalState);
-  auto controller = make<OTSyncController>(OTSyncControllerTypeClient);
-  controller->setDataSource(source);
-  controller->restoreInternalState();
-  EXPECT_EQ(controller->internalState(), 0u);
+  EXPECT_EQ(boot(source, OTSyncControllerTypeClient)->internalState(), 0u);
 }
 
 TEST(SyncController, SettersPersistOnlyChanges) {
@@ -180,14 +176,10 @@ TEST(SyncController, MergesDivergedLines) {
   Fixture f(OTSyncControllerTypeServer, OTState(5, 2));
   auto& s = *f.source;
   OTSyncController& c = *f.controller;
-  s.MemoryStorage::OTSyncControllerRecordPathComponentEnqueueForTransfer(
-      c, component({3, 2}, {4, 2}, setting("A", "title", "server")), false);
-  s.MemoryStorage::OTSyncControllerRecordPathComponentEnqueueForTransfer(
-      c, component({4, 2}, {5, 2}, setting("B", "done", true)), false);
-  s.MemoryStorage::OTSyncControllerRecordPathComponentEnqueueForTransfer(
-      c, component({3, 2}, {3, 3}, setting("A", "title", "client")), false);
-  s.MemoryStorage::OTSyncControllerRecordPathComponentEnqueueForTransfer(
-      c, component({3, 3}, {3, 4}, setting("C", "rank", 7)), false);
+  store(s, c, {component({3, 2}, {4, 2}, setting("A", "title", "server")),
+              component({4, 2}, {5, 2}, setting("B", "done", true)),
+              component({3, 2}, {3, 3}, setting("A", "title", "client")),
+              component({3, 3}, {3, 4}, setting("C", "rank", 7))});
   EXPECT_EQ(c.largestStateKnownToBeReachableByClient(), OTState(3, 4));
   c.mergeWithClientIfNeeded();
   ASSERT_EQ(s.recorded.size(), 2u);
@@ -222,10 +214,7 @@ TEST(SyncController, MissingClientComponentIsLoggedOnce) {
   std::vector<std::string> lines;
   LogSink previous = setLogSink([&](std::string_view line) { lines.emplace_back(line); });
   Fixture f(OTSyncControllerTypeServer, OTState(5, 2));
-  f.source->MemoryStorage::OTSyncControllerRecordPathComponentEnqueueForTransfer(*f.controller,
-                                                                                 component({3, 2}, {5, 2}), false);
-  f.source->MemoryStorage::OTSyncControllerRecordPathComponentEnqueueForTransfer(*f.controller,
-                                                                                 component({3, 3}, {3, 4}), false);
+  store(*f.source, *f.controller, {component({3, 2}, {5, 2}), component({3, 3}, {3, 4})});
   f.controller->mergeWithClientIfNeeded();
   setLogSink(previous);
   EXPECT_EQ(lines, std::vector<std::string>{"OTSyncController: Could not reconstruct client path component  (3,2)->(3,4)"});
@@ -316,6 +305,12 @@ TEST(SyncController, ComposeChoosesTheSamePathAsItsDefinition) {
     EXPECT_EQ(composed->pathDescription(), "(0,0)->(0,2)");
     EXPECT_EQ(composed->operation()->allUUIDsArray(), (std::vector<std::string>{"a", "b"}));
   }
+  // A loop or a step back would let the growth run forever.
+  const std::vector<Ref<OTPathComponent>> nowhere = {component({0, 0}, {0, 0}), component({0, 0}, {0, 1}),
+                                                     component({0, 1}, {0, 0}), component({0, 1}, {1, 0})};
+  EXPECT_EQ(OTSyncController::composePathComponentsFromStateUpToState(nowhere, {0, 0}, std::nullopt)->pathDescription(),
+            "(0,0)->(0,1)");
+  EXPECT_FALSE(OTSyncController::composePathComponentsFromStateUpToState({}, {0, 0}, OTState(1, 1)));
 
   const uint64_t seed = 20261123;
   std::mt19937_64 rng(seed);
@@ -343,15 +338,6 @@ TEST(SyncController, ComposeChoosesTheSamePathAsItsDefinition) {
   }
 }
 
-TEST(SyncController, ComposeIgnoresComponentsThatGoNowhere) {
-  // A loop or a step back would let the growth run forever.
-  const std::vector<Ref<OTPathComponent>> components = {component({0, 0}, {0, 0}), component({0, 0}, {0, 1}),
-                                                        component({0, 1}, {0, 0}), component({0, 1}, {1, 0})};
-  auto composed = OTSyncController::composePathComponentsFromStateUpToState(components, {0, 0}, std::nullopt);
-  EXPECT_EQ(composed->pathDescription(), "(0,0)->(0,1)");
-  EXPECT_FALSE(OTSyncController::composePathComponentsFromStateUpToState({}, {0, 0}, OTState(1, 1)));
-}
-
 // The merge records the server's remainder and then the client's, outside any
 // controller transaction. A process that dies between the two keeps the
 // server's remainder only: the server then counts the merged state as
@@ -377,14 +363,11 @@ TEST(SyncController, MergeCutOffBetweenItsTwoRecordsStrandsTheClient) {
     auto file = std::make_shared<MemoryFile>();
     std::shared_ptr<Dying> source;
     Ref<OTSyncController> server;
-    auto boot = [&] {  // a new process on the same file
+    auto restart = [&] {  // a new process on the same file
       server.reset();
       source.reset();
       source = std::make_shared<Dying>(file);
-      server = make<OTSyncController>(OTSyncControllerTypeServer);
-      server->setDataSource(source);
-      server->setMergeClass(OTMergeClassOf<OTMerge>());
-      server->restoreInternalState();
+      server = boot(source, OTSyncControllerTypeServer);
     };
     auto process = [&] {
       if (hostWrapsProcessing) {
@@ -393,14 +376,13 @@ TEST(SyncController, MergeCutOffBetweenItsTwoRecordsStrandsTheClient) {
         server->processInternalStateAllowingHostUpdate(true);
       }
     };
-    boot();
+    restart();
     server->resetIfNeededAndSeedUsingStateSpaceIdentifier(kIdentifier);
     server->stageLocalOperation(*setting("A", "title", "server"));
-    source->MemoryStorage::OTSyncControllerRecordPathComponentEnqueueForTransfer(
-        *server, component({0, 0}, {0, 1}, setting("B", "title", "client")), false);
+    store(*source, *server, {component({0, 0}, {0, 1}, setting("B", "title", "client"))});
     source->recordsUntilDeath = 1;
     EXPECT_THROW(process(), Dies);
-    boot();
+    restart();
     for (int pass = 0; pass < 3; ++pass) process();
     EXPECT_EQ(server->currentState(), OTState(1, 1));
     const auto fromClientState = source->OTSyncControllerPathComponentsInRange(
@@ -440,14 +422,10 @@ TEST(SyncController, ReachableStateReadServerIndexFirstNeverMerges) {
   for (bool serverIndexFirst : {false, true}) {
     auto source = std::make_shared<ServerIndexFirst>();
     source->serverIndexFirst = serverIndexFirst;
-    auto server = make<OTSyncController>(OTSyncControllerTypeServer);
-    server->setDataSource(source);
-    server->setMergeClass(OTMergeClassOf<OTMerge>());
-    server->restoreInternalState();
+    auto server = boot(source, OTSyncControllerTypeServer);
     server->resetIfNeededAndSeedUsingStateSpaceIdentifier(kIdentifier);
     server->stageLocalOperation(*setting("A", "title", "server"));
-    source->MemoryStorage::OTSyncControllerRecordPathComponentEnqueueForTransfer(
-        *server, component({0, 0}, {0, 1}, setting("B", "title", "client")), false);
+    store(*source, *server, {component({0, 0}, {0, 1}, setting("B", "title", "client"))});
     for (int pass = 0; pass < 3; ++pass) server->processInternalStateAllowingHostUpdate(true);
     EXPECT_EQ(server->currentState(), serverIndexFirst ? OTState(1, 0) : OTState(1, 1));
     EXPECT_EQ(source->recorded.size(), serverIndexFirst ? 1u : 3u);
