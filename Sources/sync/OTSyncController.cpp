@@ -24,6 +24,20 @@ std::string pathText(const OTState& from, const OTState& to) {
          std::to_string(to.serverIndex()) + "," + std::to_string(to.clientIndex()) + ")";
 }
 
+// The state with its server index (or else its client index) replaced.
+OTState stateWithIndex(const OTState& state, bool serverIndex, int64_t index) {
+  return serverIndex ? state.stateByUpdatingServerIndex(index) : state.stateByUpdatingClientIndex(index);
+}
+
+// A component along one of the indexes, from one value of it to another; the
+// other index stays as in `state`.
+Ref<OTPathComponent> componentAlongIndex(const Ref<OTStateSpaceIdentifier>& space,
+                                         Ref<UGMutableTransaction> operation, const OTState& state, bool serverIndex,
+                                         int64_t fromIndex, int64_t toIndex) {
+  return make<OTPathComponent>(space, std::move(operation), stateWithIndex(state, serverIndex, fromIndex),
+                               stateWithIndex(state, serverIndex, toIndex));
+}
+
 }  // namespace
 
 // MARK: Persisted fields
@@ -355,20 +369,15 @@ std::vector<Ref<OTPathComponent>> OTSyncController::requestPathComponentsOnFutur
 
 Ref<OTPathComponent> OTSyncController::pathComponentFromLocalIndexToLocalIndexOperation(
     int64_t fromIndex, int64_t toIndex, Ref<UGMutableTransaction> operation) const {
-  const OTState state = stateOrOrigin();
-  const bool server = isServer();
-  const OTState from = server ? state.stateByUpdatingServerIndex(fromIndex) : state.stateByUpdatingClientIndex(fromIndex);
-  const OTState to = server ? state.stateByUpdatingServerIndex(toIndex) : state.stateByUpdatingClientIndex(toIndex);
-  return make<OTPathComponent>(stateSpaceIdentifier_, std::move(operation), from, to);
+  // The local index is the server index on a server, the client index elsewhere.
+  return componentAlongIndex(stateSpaceIdentifier_, std::move(operation), stateOrOrigin(), isServer(), fromIndex,
+                             toIndex);
 }
 
 Ref<OTPathComponent> OTSyncController::pathComponentFromRemoteIndexToRemoteIndexOperation(
     int64_t fromIndex, int64_t toIndex, Ref<UGMutableTransaction> operation) const {
-  const OTState state = stateOrOrigin();
-  const bool server = isServer();
-  const OTState from = server ? state.stateByUpdatingClientIndex(fromIndex) : state.stateByUpdatingServerIndex(fromIndex);
-  const OTState to = server ? state.stateByUpdatingClientIndex(toIndex) : state.stateByUpdatingServerIndex(toIndex);
-  return make<OTPathComponent>(stateSpaceIdentifier_, std::move(operation), from, to);
+  return componentAlongIndex(stateSpaceIdentifier_, std::move(operation), stateOrOrigin(), !isServer(), fromIndex,
+                             toIndex);
 }
 
 std::string OTSyncController::description() const {
