@@ -56,8 +56,41 @@ std::string utf8(const icu::UnicodeString& text) {
   return out;
 }
 
+// A components field, its unit and ICU's field, from the largest unit down:
+// the order in which components are added to a date and counted between two.
+// ICU counts months from 0, the components from 1.
+struct ComponentField {
+  uint32_t unit;
+  UCalendarDateFields field;
+  std::optional<int64_t> DateComponents::*member;
+  // Whether componentsFromDateToDate counts it.
+  bool counted;
+};
+
+constexpr ComponentField kComponentFields[] = {
+    {CalendarUnitEra, UCAL_ERA, &DateComponents::era, false},
+    {CalendarUnitYear, UCAL_YEAR, &DateComponents::year, true},
+    {CalendarUnitMonth, UCAL_MONTH, &DateComponents::month, true},
+    {CalendarUnitWeekOfYear, UCAL_WEEK_OF_YEAR, &DateComponents::weekOfYear, true},
+    {CalendarUnitWeekOfMonth, UCAL_WEEK_OF_MONTH, &DateComponents::weekOfMonth, false},
+    {CalendarUnitDay, UCAL_DATE, &DateComponents::day, true},
+    {CalendarUnitWeekday, UCAL_DAY_OF_WEEK, &DateComponents::weekday, false},
+    {CalendarUnitWeekdayOrdinal, UCAL_DAY_OF_WEEK_IN_MONTH, &DateComponents::weekdayOrdinal, false},
+    {CalendarUnitHour, UCAL_HOUR_OF_DAY, &DateComponents::hour, true},
+    {CalendarUnitMinute, UCAL_MINUTE, &DateComponents::minute, true},
+    {CalendarUnitSecond, UCAL_SECOND, &DateComponents::second, true},
+};
+
+// The value a components record gives the field; the week of the year falls
+// back to the plain week when absent.
+const std::optional<int64_t>& componentValue(const DateComponents& c, const ComponentField& f) {
+  if (f.member == &DateComponents::weekOfYear && !c.weekOfYear) return c.week;
+  return c.*f.member;
+}
+
 // Sets the fields of a components record on a cleared calendar; false when a
-// value does not fit ICU's 32-bit fields.
+// value does not fit ICU's 32-bit fields. The weekday fields are set before
+// the day of the month: ICU resolves a conflict by the field set last.
 bool setFields(icu::Calendar& calendar, const DateComponents& c) {
   struct Field {
     const std::optional<int64_t>& value;
@@ -182,22 +215,11 @@ DateComponents Calendar::componentsOfDate(uint32_t units, Date date) const {
   icu::Calendar& calendar = *engine_->calendar;
   UErrorCode status = U_ZERO_ERROR;
   calendar.setTime(ms, status);
-  auto get = [&](uint32_t unit, UCalendarDateFields field, std::optional<int64_t>& slot, int64_t offset = 0) {
-    if ((units & unit) == 0) return;
-    const int32_t v = calendar.get(field, status);
-    if (U_SUCCESS(status)) slot = v + offset;
-  };
-  get(CalendarUnitEra, UCAL_ERA, c.era);
-  get(CalendarUnitYear, UCAL_YEAR, c.year);
-  get(CalendarUnitMonth, UCAL_MONTH, c.month, 1);
-  get(CalendarUnitDay, UCAL_DATE, c.day);
-  get(CalendarUnitHour, UCAL_HOUR_OF_DAY, c.hour);
-  get(CalendarUnitMinute, UCAL_MINUTE, c.minute);
-  get(CalendarUnitSecond, UCAL_SECOND, c.second);
-  get(CalendarUnitWeekday, UCAL_DAY_OF_WEEK, c.weekday);
-  get(CalendarUnitWeekdayOrdinal, UCAL_DAY_OF_WEEK_IN_MONTH, c.weekdayOrdinal);
-  get(CalendarUnitWeekOfMonth, UCAL_WEEK_OF_MONTH, c.weekOfMonth);
-  get(CalendarUnitWeekOfYear, UCAL_WEEK_OF_YEAR, c.weekOfYear);
+  for (const ComponentField& f : kComponentFields) {
+    if ((units & f.unit) == 0) continue;
+    const int32_t v = calendar.get(f.field, status);
+    if (U_SUCCESS(status)) c.*f.member = v + (f.field == UCAL_MONTH ? 1 : 0);
+  }
   if (U_FAILURE(status)) return DateComponents{};
   return c;
 }
@@ -209,28 +231,11 @@ std::optional<Date> Calendar::dateByAddingComponentsToDate(const DateComponents&
   icu::Calendar& calendar = *engine_->calendar;
   UErrorCode status = U_ZERO_ERROR;
   calendar.setTime(ms, status);
-  const DateComponents& c = components;
-  struct Step {
-    const std::optional<int64_t>& value;
-    UCalendarDateFields field;
-  };
-  const Step steps[] = {
-      {c.era, UCAL_ERA},
-      {c.year, UCAL_YEAR},
-      {c.month, UCAL_MONTH},
-      {c.weekOfYear ? c.weekOfYear : c.week, UCAL_WEEK_OF_YEAR},
-      {c.weekOfMonth, UCAL_WEEK_OF_MONTH},
-      {c.day, UCAL_DATE},
-      {c.weekday, UCAL_DAY_OF_WEEK},
-      {c.weekdayOrdinal, UCAL_DAY_OF_WEEK_IN_MONTH},
-      {c.hour, UCAL_HOUR_OF_DAY},
-      {c.minute, UCAL_MINUTE},
-      {c.second, UCAL_SECOND},
-  };
-  for (const Step& s : steps) {
-    if (!s.value || *s.value == 0) continue;
-    if (!fitsInt32(*s.value)) return std::nullopt;
-    calendar.add(s.field, static_cast<int32_t>(*s.value), status);
+  for (const ComponentField& f : kComponentFields) {
+    const std::optional<int64_t>& value = componentValue(components, f);
+    if (!value || *value == 0) continue;
+    if (!fitsInt32(*value)) return std::nullopt;
+    calendar.add(f.field, static_cast<int32_t>(*value), status);
   }
   const UDate result = calendar.getTime(status);
   if (U_FAILURE(status) || !std::isfinite(result) || std::fabs(result) > kMaxMilliseconds) return std::nullopt;
@@ -246,19 +251,12 @@ DateComponents Calendar::componentsFromDateToDate(uint32_t units, Date from, Dat
   calendar.setTime(fromMs, status);
   // fieldDifference() advances the calendar by the whole units it counts, so
   // asking from the largest unit down leaves the remainder for the next one.
-  auto step = [&](uint32_t unit, UCalendarDateFields field, std::optional<int64_t>& slot) {
-    if ((units & unit) == 0) return;
-    const int32_t v = calendar.fieldDifference(toMs, field, status);
-    if (U_SUCCESS(status)) slot = v;
-  };
   if (units & CalendarUnitEra) c.era = 0;
-  step(CalendarUnitYear, UCAL_YEAR, c.year);
-  step(CalendarUnitMonth, UCAL_MONTH, c.month);
-  step(CalendarUnitWeekOfYear, UCAL_WEEK_OF_YEAR, c.weekOfYear);
-  step(CalendarUnitDay, UCAL_DATE, c.day);
-  step(CalendarUnitHour, UCAL_HOUR_OF_DAY, c.hour);
-  step(CalendarUnitMinute, UCAL_MINUTE, c.minute);
-  step(CalendarUnitSecond, UCAL_SECOND, c.second);
+  for (const ComponentField& f : kComponentFields) {
+    if (!f.counted || (units & f.unit) == 0) continue;
+    const int32_t v = calendar.fieldDifference(toMs, f.field, status);
+    if (U_SUCCESS(status)) c.*f.member = v;
+  }
   if (U_FAILURE(status)) return DateComponents{};
   return c;
 }
