@@ -42,14 +42,8 @@ TEST(RuntimeHelpers, NumberKindsCatchingAndDelayedCalls) {
   EXPECT_FALSE(isBOOL(Value::null()) || isInteger(Value("1")) || isDouble(Value::date(1)));
 
   EXPECT_EQ(nullptr, catchException([] {}));
-  std::exception_ptr caught = catchException([] { throw Exception(ExceptionKind::OutOfRange, "beyond"); });
-  ASSERT_NE(nullptr, caught);
-  try {
-    std::rethrow_exception(caught);
-  } catch (const Exception& e) {
-    EXPECT_EQ(ExceptionKind::OutOfRange, e.kind());
-    EXPECT_STREQ("beyond", e.what());
-  }
+  EXPECT_THROW(std::rethrow_exception(catchException([] { throw Exception(ExceptionKind::OutOfRange, "x"); })),
+               Exception);
   EXPECT_NE(nullptr, catchException([] { throw std::runtime_error("other"); }));
 
   std::vector<int> order;
@@ -65,10 +59,6 @@ TEST(RuntimeHelpers, NumberKindsCatchingAndDelayedCalls) {
   EXPECT_TRUE(RunLoop::current()->cancelTask(dropped));
   RunLoop::current()->runFor(10);
   EXPECT_EQ((std::vector<int>{1, 2, 3}), order);
-
-  auto object = make<Object>();
-  EXPECT_EQ(36u, globalObjectUUID(*object).size());
-  EXPECT_EQ(&globalObjectUUID(*object), &object->globalObjectUUID());
 }
 
 TEST(RuntimeHelpers, UserDefaultsReadTheHostStoreWithDefaults) {
@@ -109,14 +99,13 @@ TEST(RuntimeHelpers, BaseDirectoriesAndScaledResources) {
     auto found = environment.find(name);
     return found == environment.end() ? std::nullopt : std::optional<std::string>(found->second);
   };
+  using Strings = std::vector<std::string>;
   XDGBaseDirectories d = xdgBaseDirectories(lookup);
-  EXPECT_EQ("/home/ada/.local/share", d.dataHome);
-  EXPECT_EQ("/home/ada/.config", d.configHome);
-  EXPECT_EQ("/home/ada/.local/state", d.stateHome);
-  EXPECT_EQ("/home/ada/.cache", d.cacheHome);
+  EXPECT_EQ((Strings{"/home/ada/.local/share", "/home/ada/.config", "/home/ada/.local/state", "/home/ada/.cache"}),
+            (Strings{d.dataHome, d.configHome, d.stateHome, d.cacheHome}));
   EXPECT_EQ(std::nullopt, d.runtimeDir);
-  EXPECT_EQ((std::vector<std::string>{"/usr/local/share", "/usr/share"}), d.dataDirs);
-  EXPECT_EQ((std::vector<std::string>{"/etc/xdg"}), d.configDirs);
+  EXPECT_EQ((Strings{"/usr/local/share", "/usr/share"}), d.dataDirs);
+  EXPECT_EQ((Strings{"/etc/xdg"}), d.configDirs);
   // Relative and empty settings are ignored.
   environment = {{"HOME", "/h"},
                  {"XDG_DATA_HOME", "relative/data"},
@@ -126,12 +115,10 @@ TEST(RuntimeHelpers, BaseDirectoriesAndScaledResources) {
                  {"XDG_DATA_DIRS", "/a::b:/c/"},
                  {"XDG_CONFIG_DIRS", "x:y"}};
   d = xdgBaseDirectories(lookup);
-  EXPECT_EQ("/h/.local/share", d.dataHome);
-  EXPECT_EQ("/h/.config", d.configHome);
-  EXPECT_EQ("/c", d.cacheHome);
-  EXPECT_EQ("/run/user/1", d.runtimeDir);
-  EXPECT_EQ((std::vector<std::string>{"/a", "/c/"}), d.dataDirs);
-  EXPECT_EQ((std::vector<std::string>{"/etc/xdg"}), d.configDirs);
+  EXPECT_EQ((Strings{"/h/.local/share", "/h/.config", "/c", "/run/user/1", "/a", "/c/", "/etc/xdg"}),
+            (Strings{d.dataHome, d.configHome, d.cacheHome, d.runtimeDir.value_or(""), d.dataDirs.at(0),
+                     d.dataDirs.back(), d.configDirs.back()}));
+  EXPECT_TRUE(d.dataDirs.size() == 2 && d.configDirs.size() == 1);
   EXPECT_FALSE(xdgBaseDirectories().home.empty());
 
   std::set<std::string> files = {"/r/icon@3x.png", "/r/icon@2x.png", "/r/icon.png", "/r/logo.png", "/r/mark@2x.png"};

@@ -98,31 +98,23 @@ class MemoryStorage : public OTSyncControllerDataSource {
   }
   std::optional<OTState> claimedRemoteStateForSyncController(OTSyncController&) override { return claimed_; }
   void beginTransactionForOTSyncController(OTSyncController&) override {
-    if (keepsSnapshots)
-      snapshot_ = Snapshot{file_->metadata_, file_->hostValues_, file_->components_, file_->claimed_};
+    if (keepsSnapshots) snapshot_ = *file_;
   }
   void endTransactionForOTSyncController(OTSyncController&) override { snapshot_.reset(); }
   std::optional<OTState> stateWithLargestClientIndexPointedToByPathComponentWithLargestServerIndexForOTSyncController(
       OTSyncController&) override {
-    std::optional<OTState> best;
-    for (const Stored& stored : components_) {
-      const OTState& to = *stored.component->toState();
-      if (!best || to.clientIndex() > best->clientIndex() ||
-          (to.clientIndex() == best->clientIndex() && to.serverIndex() > best->serverIndex()))
-        best = to;
-    }
-    return best;
+    return best([](const Stored& s) { return *s.component->toState(); },
+                [](const OTState& a, const OTState& b) {
+                  return std::pair(a.clientIndex(), a.serverIndex()) > std::pair(b.clientIndex(), b.serverIndex());
+                });
   }
   std::optional<OTState> stateWithLargestClientIndexBeingOriginOfPathComponentWithSmallestServerIndexForOTSyncController(
       OTSyncController&) override {
-    std::optional<OTState> best;
-    for (const Stored& stored : components_) {
-      const OTState& from = *stored.component->fromState();
-      if (!best || from.serverIndex() < best->serverIndex() ||
-          (from.serverIndex() == best->serverIndex() && from.clientIndex() > best->clientIndex()))
-        best = from;
-    }
-    return best;
+    return best([](const Stored& s) { return *s.component->fromState(); },
+                [](const OTState& a, const OTState& b) {
+                  return a.serverIndex() < b.serverIndex() ||
+                         (a.serverIndex() == b.serverIndex() && a.clientIndex() > b.clientIndex());
+                });
   }
 
   // The host-facing calls of OTSQLiteDataSource.
@@ -173,22 +165,21 @@ class MemoryStorage : public OTSyncControllerDataSource {
   bool keepsSnapshots = true;
   // Undoes a transaction that was begun and not ended (a crash in the middle).
   void rollBackOpenTransaction() {
-    if (!snapshot_) return;
-    file_->metadata_ = std::move(snapshot_->metadata);
-    file_->hostValues_ = std::move(snapshot_->hostValues);
-    file_->components_ = std::move(snapshot_->components);
-    file_->claimed_ = snapshot_->claimed;
+    if (snapshot_) *file_ = std::move(*snapshot_);
     snapshot_.reset();
   }
 
  private:
   using Stored = MemoryFile::Stored;
   using Table = MemoryFile::Table;
-  struct Snapshot {
-    Table metadata, hostValues;
-    std::vector<Stored> components;
-    std::optional<OTState> claimed;
-  };
+  // The first of the components' end states (or start states) that no other beats.
+  template <class State, class Beats>
+  std::optional<OTState> best(State state, Beats beats) {
+    std::optional<OTState> found;
+    for (const Stored& stored : components_)
+      if (!found || beats(state(stored), *found)) found = state(stored);
+    return found;
+  }
   static std::optional<Value> find(const Table& table, std::string_view key) {
     auto it = table.find(key);
     return it == table.end() ? std::nullopt : std::optional<Value>(it->second);
@@ -206,7 +197,7 @@ class MemoryStorage : public OTSyncControllerDataSource {
   Table& hostValues_ = file_->hostValues_;
   std::vector<Stored>& components_ = file_->components_;
   std::optional<OTState>& claimed_ = file_->claimed_;
-  std::optional<Snapshot> snapshot_;
+  std::optional<MemoryFile> snapshot_;
 };
 
 }  // namespace loomwork::synctest
