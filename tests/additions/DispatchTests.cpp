@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <mutex>
+#include <numeric>
 #include <thread>
 #include <vector>
 
@@ -45,7 +46,6 @@ struct Journal {
 
 Ref<Thread> startedWorker() {
   Ref<Thread> worker = workerThreadWithRunLoop();
-  EXPECT_FALSE(worker->isStarted());
   worker->start();
   return worker;
 }
@@ -63,7 +63,7 @@ TEST(ThreadDispatch, PostingRunsInOrderOnTheThread) {
   for (int i = 0; i < 500; ++i) dispatchAsyncBlock(*worker, [&, i] { journal.add(i); });
   dispatchSyncBlock(*worker, [&] { seen = std::this_thread::get_id(); });
   std::vector<int> expected(500);
-  for (int i = 0; i < 500; ++i) expected[i] = i;
+  std::iota(expected.begin(), expected.end(), 0);
   EXPECT_EQ(expected, journal.snapshot());  // the synchronous task ran after all of them
   EXPECT_NE(std::this_thread::get_id(), seen);
 
@@ -104,12 +104,9 @@ TEST(ThreadDispatch, DelayedTasksRunByDeadline) {
     ran = true;
     loop->stop();
   });
-  EXPECT_TRUE(loop->cancelTask(id));
-  EXPECT_FALSE(loop->cancelTask(id));
+  EXPECT_TRUE(loop->cancelTask(id) && !loop->cancelTask(id));
   loop->runFor(10);
-  EXPECT_TRUE(ran);
-  EXPECT_FALSE(cancelled);
-  EXPECT_EQ(0u, loop->pendingDelayedTaskCount());
+  EXPECT_TRUE(ran && !cancelled && loop->pendingDelayedTaskCount() == 0);
 }
 
 TEST(ThreadDispatch, CoalescedRequestsRunTheLastTaskOnceAfterTheLastRequest) {
@@ -175,18 +172,14 @@ TEST(WarpTenProgress, CurveSamplingAndTimer) {
   const std::vector<double> samples =
       TWWarpTenProgress::warpTenSamplePointsAndValuesWithDurationSamplingFrequencyHalfLife(1, 10, 20);
   ASSERT_EQ(20u, samples.size());
-  EXPECT_EQ(0.0, samples[0]);
-  EXPECT_EQ(0.0, samples[1]);
+  EXPECT_TRUE(samples[0] == 0.0 && samples[1] == 0.0);
   EXPECT_DOUBLE_EQ(0.1, samples[2]);
   EXPECT_DOUBLE_EQ(1 - 1 / 1.005, samples[3]);
   EXPECT_DOUBLE_EQ(0.9, samples[18]);
-  EXPECT_TRUE(
-      TWWarpTenProgress::warpTenSamplePointsAndValuesWithDurationSamplingFrequencyHalfLife(0.05, 10, 20).size() == 2);
-  EXPECT_TRUE(TWWarpTenProgress::warpTenSamplePointsAndValuesWithDurationSamplingFrequencyHalfLife(0, 10, 20).empty());
-  EXPECT_TRUE(
-      TWWarpTenProgress::warpTenSamplePointsAndValuesWithDurationSamplingFrequencyHalfLife(std::nan(""), 1, 1).empty());
-  EXPECT_THROW(TWWarpTenProgress::warpTenSamplePointsAndValuesWithDurationSamplingFrequencyHalfLife(1e300, 1, 1),
-               Exception);
+  const auto sampled = TWWarpTenProgress::warpTenSamplePointsAndValuesWithDurationSamplingFrequencyHalfLife;
+  EXPECT_EQ(2u, sampled(0.05, 10, 20).size());
+  EXPECT_TRUE(sampled(0, 10, 20).empty() && sampled(std::nan(""), 1, 1).empty());
+  EXPECT_THROW(sampled(1e300, 1, 1), Exception);
 
   // The value at given elapsed times, by moving the start back.
   TWWarpTenProgress still(kTWWarpTenProgressDefaultHalfLifeSeconds, nullptr);

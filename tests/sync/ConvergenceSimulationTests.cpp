@@ -52,9 +52,10 @@ TEST_P(Convergence, ModelsEndEqualWithNoEditLost) {
   size_t largestStore = 0;
   for (int run = 0; run < runs; ++run) {
     const uint64_t seed = 1000003ull * static_cast<uint64_t>(run) + std::hash<std::string>()(configuration.name) % 997;
-    Simulation<MemoryStorage> simulation(seed, configuration.faults, 60);
+    // The first run is five times as long: the bound below must not grow with the history.
+    Simulation<MemoryStorage> simulation(seed, configuration.faults, run == 0 ? 300 : 60);
     const std::string failure = simulation.run();
-    ASSERT_EQ(failure, "") << "faults " << configuration.name << ", seed " << seed;
+    ASSERT_EQ(failure, "") << "faults " << configuration.name << ", seed " << seed << (run == 0 ? ", 300 ticks" : "");
     largestStore = std::max({largestStore, simulation.storedComponents(0), simulation.storedComponents(1)});
   }
   // After quiet only the seeds and the components that end at the current
@@ -64,18 +65,6 @@ TEST_P(Convergence, ModelsEndEqualWithNoEditLost) {
 
 INSTANTIATE_TEST_SUITE_P(Faults, Convergence, ::testing::ValuesIn(kConfigurations),
                          [](const auto& info) { return std::string(info.param.name); });
-
-// The stores after quiet do not grow with the length of the history.
-TEST(Convergence, StoreSizeAfterQuietDoesNotGrowWithHistory) {
-  for (uint64_t seed : {7u, 8u, 9u}) {
-    Simulation<MemoryStorage> shortRun(seed, {}, 30), longRun(seed, {}, 300);
-    ASSERT_EQ(shortRun.run(), "") << "seed " << seed;
-    ASSERT_EQ(longRun.run(), "") << "seed " << seed;
-    for (int side : {0, 1})
-      EXPECT_LE(longRun.storedComponents(side), std::max<size_t>(shortRun.storedComponents(side), 4))
-          << "seed " << seed << " side " << side;
-  }
-}
 
 }  // namespace
 }  // namespace loomwork::synctest

@@ -165,16 +165,11 @@ class Simulation {
         "S" + std::to_string(rng_() % 1000), "C" + std::to_string(rng_() % 1000));
     for (int side : {kServer, kClient}) {
       Device& device = devices_[side];
-      const int initial = uniform(0, 3);
-      if (initial > 0) {
-        auto content = UGMutableTransaction::transaction();
-        for (int i = 0; i < initial; ++i) addCreate(side, *content);
-        device.host->apply(*content);
-        device.controller->resetIfNeededAndSeedUsingStateSpaceIdentifier(identifier);
-        record(side, *content);
-      } else {
-        device.controller->resetIfNeededAndSeedUsingStateSpaceIdentifier(identifier);
-      }
+      auto content = UGMutableTransaction::transaction();
+      for (int i = uniform(0, 3); i > 0; --i) addCreate(side, *content);
+      device.host->apply(*content);
+      device.controller->resetIfNeededAndSeedUsingStateSpaceIdentifier(identifier);
+      record(side, *content);
     }
   }
 
