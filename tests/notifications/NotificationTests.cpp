@@ -221,7 +221,8 @@ TEST(Notifications, SharedCenterIsMadeOnceAcrossThreads) {
   std::vector<const NPWProcessingCenter*> centers(8);
   {
     std::vector<std::jthread> threads;
-    for (auto& center : centers) threads.emplace_back([&center] { center = NPWProcessingCenter::sharedCenter().get(); });
+    for (auto& center : centers)
+      threads.emplace_back([&center] { center = NPWProcessingCenter::sharedCenter().get(); });
   }
   EXPECT_EQ(std::count(centers.begin(), centers.end(), NPWProcessingCenter::sharedCenter().get()), 8);
 }

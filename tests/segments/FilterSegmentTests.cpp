@@ -197,42 +197,30 @@ struct FilterFixture {
   Ref<UGListTransform> pending;
 };
 
+// Mappings of shown rows are checked on random trees by RowValidatorTests;
+// here the drop tie-breaks and the cases that map nowhere.
 TEST(FilterSegment, MapsIndexesAndDropsWithItsTieBreaks) {
   FilterFixture f;
-  auto five = make<LWArrayContainer>(Array{Value(0), Value(1), Value(2), Value(3), Value(4)});
-  f.leaf->setList(five);
+  f.leaf->setList(make<LWArrayContainer>(Array{Value(0), Value(1), Value(2), Value(3), Value(4)}));
   f.filter->setFilterBlock([](SGSegment&, int64_t index) { return index % 2 == 1; });
   ASSERT_EQ(f.filter->mapping()->vector(), (std::vector<int64_t>{1, 3}));
-  EXPECT_EQ(f.filter->itemCount(), 2);
   // Below the first shown index a drop lands after the last shown one.
-  EXPECT_EQ(f.filter->transformDropIndexFromChildSegment(0, f.leaf.get()), 4);
-  EXPECT_EQ(f.filter->transformDropIndexFromChildSegment(2, f.leaf.get()), 1);
-  EXPECT_EQ(f.filter->transformDropIndexFromChildSegment(3, f.leaf.get()), 1);
-  EXPECT_EQ(f.filter->transformDropIndexFromChildSegment(5, f.leaf.get()), 2);
-  EXPECT_EQ(f.filter->transformDropIndexFromChildSegment(NotFound, f.leaf.get()), NotFound);
+  for (auto [inner, outer] : {std::pair<int64_t, int64_t>{0, 4}, {2, 1}, {3, 1}, {5, 2}, {NotFound, NotFound}}) {
+    EXPECT_EQ(f.filter->transformDropIndexFromChildSegment(inner, f.leaf.get()), outer) << inner;
+  }
   Ref<SGSegment> child;
-  EXPECT_EQ(f.filter->transformDropIndexToChildSegment(2, &child), 4);
-  EXPECT_EQ(child, f.leaf);
-  EXPECT_EQ(f.filter->transformDropIndexToChildSegment(1, &child), 3);
-  EXPECT_EQ(f.filter->transformDropIndexToChildSegment(NotFound, &child), NotFound);
-  EXPECT_EQ(child, nullptr);
-
-  EXPECT_EQ(f.filter->transformIndexFromChildSegment(3, nullptr), 1);
+  for (auto [outer, inner] : {std::pair<int64_t, int64_t>{2, 4}, {1, 3}, {NotFound, NotFound}}) {
+    EXPECT_EQ(f.filter->transformDropIndexToChildSegment(outer, &child), inner) << outer;
+    EXPECT_EQ(child, inner == NotFound ? nullptr : f.leaf);
+  }
   EXPECT_EQ(f.filter->transformIndexFromChildSegment(2, nullptr), NotFound);
-  EXPECT_EQ(f.filter->transformIndexToChildSegment(1, &child), 3);
   EXPECT_THROW(f.filter->transformIndexToChildSegment(2, &child), Exception);
-  EXPECT_EQ(f.filter->representedObjectAtIndex(0), Value(1));
-  EXPECT_EQ(f.filter->indexesForRepresentedObject(Value(3)), IndexSet{1});
   EXPECT_EQ(f.filter->indexesForRepresentedObject(Value(2)), IndexSet{});
   EXPECT_EQ(f.filter->indexSetByTransformingInnerSegmentIndexSet(IndexSet{0, 1, 2, 3}), (IndexSet{0, 1}));
-  Array rows;
-  f.filter->appendRepresentedObjectsToArray(rows);
-  EXPECT_EQ(rows, (Array{Value(1), Value(3)}));
 
   // An empty mapping: nothing maps, drops go to 0, the child stays as it was.
   f.filter->setFilterBlock([](SGSegment&, int64_t) { return false; });
   child = f.filter;
-  EXPECT_EQ(f.filter->transformIndexFromChildSegment(1, nullptr), NotFound);
   EXPECT_EQ(f.filter->transformIndexToChildSegment(0, &child), NotFound);
   EXPECT_EQ(child, f.filter);
   EXPECT_EQ(f.filter->transformDropIndexFromChildSegment(3, nullptr), 0);

@@ -40,38 +40,41 @@ class RecordList : public LWArrayContainer {
     return std::nullopt;
   }
 
-  void announce(const Ref<UGListTransform>& transform, Object& from) {
+  // Runs `edit` on the array, then announces what `record` writes into a transform.
+  template <class Edit, class Record>
+  void change(Edit edit, Record record, Object& from) {
+    edit(mutableArray());
+    auto transform = UGMutableListTransform::transform();
+    record(*transform);
     didUpdateRelationWithTransformInitiateNotificationFromComposable(*this, "records", transform, &from, true);
   }
   void insert(const Value& value, int64_t index, Object& from) {
-    mutableArray().insert(mutableArray().begin() + index, value);
-    auto transform = UGMutableListTransform::transform();
-    transform->recordInsertedObjectAtIndex(value, index);
-    announce(transform, from);
+    change([&](Array& a) { a.insert(a.begin() + index, value); },
+           [&](UGMutableListTransform& t) { t.recordInsertedObjectAtIndex(value, index); }, from);
   }
   void remove(int64_t index, Object& from) {
-    Value value = mutableArray()[static_cast<size_t>(index)];
-    mutableArray().erase(mutableArray().begin() + index);
-    auto transform = UGMutableListTransform::transform();
-    transform->recordDeletedObjectFromIndex(value, index);
-    announce(transform, from);
+    Value value = array()[static_cast<size_t>(index)];
+    change([&](Array& a) { a.erase(a.begin() + index); },
+           [&](UGMutableListTransform& t) { t.recordDeletedObjectFromIndex(value, index); }, from);
   }
   // `to` is an index of the list after the move.
   void move(int64_t fromIndex, int64_t toIndex, Object& from) {
-    Value value = mutableArray()[static_cast<size_t>(fromIndex)];
-    mutableArray().erase(mutableArray().begin() + fromIndex);
-    mutableArray().insert(mutableArray().begin() + toIndex, value);
-    auto transform = UGMutableListTransform::transform();
-    transform->recordMovedObjectFromIndexToIndex(value, fromIndex, toIndex);
-    announce(transform, from);
+    Value value = array()[static_cast<size_t>(fromIndex)];
+    change(
+        [&](Array& a) {
+          a.erase(a.begin() + fromIndex);
+          a.insert(a.begin() + toIndex, value);
+        },
+        [&](UGMutableListTransform& t) { t.recordMovedObjectFromIndexToIndex(value, fromIndex, toIndex); }, from);
   }
   void replace(int64_t index, const Value& value, Object& from) {
-    Value old = mutableArray()[static_cast<size_t>(index)];
-    mutableArray()[static_cast<size_t>(index)] = value;
-    auto transform = UGMutableListTransform::transform();
-    transform->recordDeletedObjectFromIndex(old, index);
-    transform->recordInsertedObjectAtIndex(value, index);
-    announce(transform, from);
+    Value old = array()[static_cast<size_t>(index)];
+    change([&](Array& a) { a[static_cast<size_t>(index)] = value; },
+           [&](UGMutableListTransform& t) {
+             t.recordDeletedObjectFromIndex(old, index);
+             t.recordInsertedObjectAtIndex(value, index);
+           },
+           from);
   }
 };
 
@@ -149,10 +152,14 @@ inline Ref<SGListSegment> listOf(std::initializer_list<int64_t> ids) {
 
 inline RecordList& listIn(const SGListSegment& segment) { return static_cast<RecordList&>(*segment.list()); }
 
-// A transform's changes in grouped order: "-2" a deletion from 2, "1>3" a
-// move, "+0" an insertion at 0; "" for none.
-inline std::string changesOf(const UGListTransform* transform) {
-  if (transform == nullptr) return "absent";
+// The "items" (or other) transform the notification holds for the segment, in
+// grouped order: "-2" a deletion from 2, "1>3" a move, "+0" an insertion at 0;
+// "" for none, "absent" without a transform.
+inline std::string publishedBy(NPWNotification& notification, const SGSegment& segment,
+                               std::string_view relation = "items") {
+  Ref<UGListTransform> transform =
+      SGSegment::transformForRelationOfSegmentInNotification(relation, segment, notification);
+  if (!transform) return "absent";
   std::string text;
   auto add = [&](const std::string& change) { text += (text.empty() ? "" : " ") + change; };
   transform->enumerateTransformAsGroupedDeletionsMovesInsertions(
@@ -162,12 +169,6 @@ inline std::string changesOf(const UGListTransform* transform) {
       },
       [&](int64_t index, const std::optional<Value>&) { add("+" + std::to_string(index)); });
   return text;
-}
-
-// The "items" (or other) transform the notification holds for the segment.
-inline std::string publishedBy(NPWNotification& notification, const SGSegment& segment,
-                               std::string_view relation = "items") {
-  return changesOf(SGSegment::transformForRelationOfSegmentInNotification(relation, segment, notification).get());
 }
 
 // A root that keeps the notification of its last pass.
