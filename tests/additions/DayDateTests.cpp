@@ -240,16 +240,9 @@ TWDatePickerDate walkValidate(TWDatePickerDate date) {
 }
 
 TEST(DatePickerDate, DocumentedCasesAndDayCountModel) {
-  EXPECT_TRUE(same({2020, 2, 1}, TWDatePickerDateValidate({2019, 14, 1})));
-  EXPECT_TRUE(same({2019, 12, 1}, TWDatePickerDateValidate({2020, 0, 1})));
-  EXPECT_TRUE(same({2020, 2, 1}, TWDatePickerDateValidate({2020, 1, 32})));
+  // Normalising and differences are checked against the walks and the civil day count below.
   EXPECT_TRUE(same({2020, 2, 29}, TWDatePickerDateValidate({2020, 3, 0})));
-  EXPECT_EQ(1, TWDatePickerDateGetDifferenceToDate({2020, 1, 31}, {2020, 2, 1}));
-  EXPECT_EQ(-365, TWDatePickerDateGetDifferenceToDate({2021, 3, 1}, {2020, 3, 1}));
-  EXPECT_EQ(366, TWDatePickerDateGetDifferenceToDate({2019, 3, 1}, {2020, 3, 1}));
   EXPECT_EQ(-1, TWDatePickerDateGetNumberOfDaysInMonth({2020, 13, 1}));
-  EXPECT_EQ(28, TWDatePickerDateGetNumberOfDaysInMonth({1900, 2, 1}));
-  EXPECT_EQ(29, TWDatePickerDateGetNumberOfDaysInMonth({2000, 2, 1}));
   // The Gregorian rule also before 1582, unlike the calendar.
   EXPECT_FALSE(TWDatePickerDateIsLeapYear({1500, 1, 1}));
   EXPECT_EQ(366, TWDatePickerDateGetNumberOfDaysInYear({-4, 1, 1}));

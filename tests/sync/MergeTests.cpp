@@ -116,7 +116,6 @@ TEST(OTMerge, UpdatesMergePropertyByPropertyByDate) {
 }
 
 TEST(OTMerge, MergeClassMakesTheSubclass) {
-  EXPECT_FALSE(OTMergeClass());
   auto server = with({{"a", op(U, {{"t", "s"}, {"modified", Value::date(1)}})}});
   auto client = with({{"a", op(U, {{"t", "c"}, {"modified", Value::date(2)}})}});
   auto winner = [&](const OTMergeClass& mergeClass) {
