@@ -79,9 +79,10 @@ TEST(SQLiteStore, AnswersAsTheMemoryStorageOnRandomHistories) {
     auto sqlite = std::make_shared<Bare<OTSQLiteDataSource>>(":memory:");
     auto memory = std::make_shared<Bare<MemoryStorage>>();
     OTSyncController controller(OTSyncControllerTypeServer);
-    for (OTSyncControllerDataSource* source : {static_cast<OTSyncControllerDataSource*>(sqlite.get()),
-                                               static_cast<OTSyncControllerDataSource*>(memory.get())})
-      source->OTSyncControllerSetValueForKey(controller, Value("SERVER-CLIENT"), kOTSyncControllerStateSpaceIdentifier);
+    auto both = [&](auto change) { change(*sqlite), change(*memory); };
+    both([&](auto& s) {
+      s.OTSyncControllerSetValueForKey(controller, Value("SERVER-CLIENT"), kOTSyncControllerStateSpaceIdentifier);
+    });
     for (int step = 0; step < 60; ++step) {
       const std::string where = "seed " + std::to_string(seed) + " run " + std::to_string(run) + " step " +
                                 std::to_string(step);
@@ -91,8 +92,9 @@ TEST(SQLiteStore, AnswersAsTheMemoryStorageOnRandomHistories) {
         case 0:
         case 1: {
           const bool enqueue = uniform(0, 1);
-          sqlite->OTSyncControllerRecordPathComponentEnqueueForTransfer(controller, component(from, to, step), enqueue);
-          memory->OTSyncControllerRecordPathComponentEnqueueForTransfer(controller, component(from, to, step), enqueue);
+          both([&](auto& s) {
+            s.OTSyncControllerRecordPathComponentEnqueueForTransfer(controller, component(from, to, step), enqueue);
+          });
           break;
         }
         case 2: {
@@ -102,8 +104,7 @@ TEST(SQLiteStore, AnswersAsTheMemoryStorageOnRandomHistories) {
         }
         case 3: {
           auto range = randomRange(rng);
-          sqlite->OTSyncControllerRemovePathComponentsNotInRange(controller, *range);
-          memory->OTSyncControllerRemovePathComponentsNotInRange(controller, *range);
+          both([&](auto& s) { s.OTSyncControllerRemovePathComponentsNotInRange(controller, *range); });
           break;
         }
         case 4: {
@@ -113,8 +114,7 @@ TEST(SQLiteStore, AnswersAsTheMemoryStorageOnRandomHistories) {
           for (size_t i = 0; i < pending.size(); ++i) ASSERT_EQ(pending[i].uniqueIdentifier, expected[i].uniqueIdentifier);
           if (!pending.empty()) {
             const auto& uid = pending[static_cast<size_t>(uniform(0, static_cast<int>(pending.size()) - 1))].uniqueIdentifier;
-            sqlite->acknowledgeTransfer(uid);
-            memory->acknowledgeTransfer(uid);
+            both([&](auto& s) { s.acknowledgeTransfer(uid); });
           }
           break;
         }
