@@ -28,17 +28,15 @@ Ref<OTElementaryRange> box(int64_t minClient, int64_t maxClient, int64_t minServ
                                                                                 maxServer);
 }
 
-// States are (server, client) as everywhere in sync.
+// States are (server, client) as everywhere in sync. Boxes, unions and
+// intersections are checked against the grid model below.
 TEST(OTRange, WorkedCases) {
-  EXPECT_TRUE(box(2, 2, 0, kMax)->containsState(OTState(7, 2)));
-  EXPECT_FALSE(box(2, 2, 0, kMax)->containsState(OTState(7, 3)));
   EXPECT_TRUE(OTRange::emptyRange()->isEmpty());
   EXPECT_FALSE(OTRange::infiniteRange()->isEmpty());
   for (OTState s : {OTState(0, 0), OTState(kMin, kMax), OTState(kMax, kMax)}) {
     EXPECT_FALSE(OTRange::emptyRange()->containsState(s));
     EXPECT_TRUE(OTRange::infiniteRange()->containsState(s));
   }
-  EXPECT_TRUE(box(3, 2, 0, 0)->isEmpty());
   EXPECT_TRUE(OTRange::rangeFromServerIndexToServerIndex(1, 2)->containsState(OTState(2, kMin)));
   EXPECT_FALSE(OTRange::rangeFromClientIndexToClientIndex(1, 2)->containsState(OTState(1, 0)));
   EXPECT_FALSE(OTRange::infiniteRange()->inverseRange());
@@ -48,10 +46,6 @@ TEST(OTRange, WorkedCases) {
             "<OTElementaryRange: client 9223372036854775807..-9223372036854775808 server "
             "9223372036854775807..-9223372036854775808>");
 
-  auto kept = OTRange::rangeFromUnionOfRanges({box(0, 0, 0, 0), box(5, kMax, 5, kMax)});
-  EXPECT_TRUE(kept->containsState(OTState(0, 0)));
-  EXPECT_TRUE(kept->containsState(OTState(6, 5)));
-  EXPECT_FALSE(kept->containsState(OTState(1, 0)));
   // Overlapping in (1,1) alone: contains it, and reports itself empty anyway.
   auto overlap = OTRange::rangeFromIntersectionOfRanges({box(0, 1, 0, 1), box(1, 2, 1, 2)});
   EXPECT_TRUE(overlap->containsState(OTState(1, 1)));
