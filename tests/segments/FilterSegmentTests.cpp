@@ -5,21 +5,16 @@
 
 #include <algorithm>
 #include <numeric>
-#include <random>
 #include <string>
 
+#include "SegmentTestSupport.h"
 #include "loomwork/listtransform.h"
-#include "loomwork/segments.h"
 #include "segments/SGMappingAlgorithms.h"
 
-namespace loomwork::filtertests {
+namespace loomwork::testing {
 namespace {
 
 constexpr uint64_t kSeed = 20261123;
-using Rng = std::mt19937_64;
-
-int64_t uniform(Rng& rng, int64_t lo, int64_t hi) { return std::uniform_int_distribution<int64_t>(lo, hi)(rng); }
-
 std::string describeItem(const UGListTransformItem& item) {
   std::string text = std::to_string(item.index()) + "(" + (item.object() ? item.object()->description() : "nil") + ")";
   if (item.hasMoveLink()) text += "->" + std::to_string(item.moveLinkItem()->index());
@@ -156,16 +151,6 @@ TEST(FilterMappingAlgorithms, RecordingATransformMatchesRecordingItsChangesOneBy
   }
 }
 
-// A root that keeps the notification of the last pass.
-class CapturingRoot : public SGPassthroughSegment {
- public:
-  void willExitNodeWithNotification(NPWNotification& notification) override {
-    SGPassthroughSegment::willExitNodeWithNotification(notification);
-    last = notification.ref<NPWNotification>();
-  }
-  Ref<NPWNotification> last;
-};
-
 // A filter over a list of ten numbers under a capturing root.
 struct FilterFixture {
   FilterFixture() {
@@ -272,4 +257,4 @@ TEST(FilterSegment, PublishesEveryInnerChangeAndRefiltersOnRequest) {
 }
 
 }  // namespace
-}  // namespace loomwork::filtertests
+}  // namespace loomwork::testing

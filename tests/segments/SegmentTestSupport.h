@@ -3,6 +3,7 @@
 #pragma once
 
 #include <functional>
+#include <random>
 #include <string>
 #include <utility>
 
@@ -123,6 +124,21 @@ class DriverGroup : public SGGroupSegment {
 
   std::function<void()> onEnter;
   std::function<void(NPWNotification&)> onExit;
+  int64_t passes = 0;
+};
+
+using Rng = std::mt19937_64;
+inline int64_t uniform(Rng& rng, int64_t lo, int64_t hi) { return std::uniform_int_distribution<int64_t>(lo, hi)(rng); }
+
+// A passthrough root that keeps the notification of its last pass and counts passes.
+class CapturingRoot : public SGPassthroughSegment {
+ public:
+  void willExitNodeWithNotification(NPWNotification& notification) override {
+    SGPassthroughSegment::willExitNodeWithNotification(notification);
+    last = notification.ref<NPWNotification>();
+    ++passes;
+  }
+  Ref<NPWNotification> last;
   int64_t passes = 0;
 };
 

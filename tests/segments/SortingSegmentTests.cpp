@@ -3,21 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <numeric>
-#include <random>
 #include <string>
 
+#include "SegmentTestSupport.h"
 #include "loomwork/listtransform.h"
-#include "loomwork/segments.h"
 #include "segments/SGMappingAlgorithms.h"
 
-namespace loomwork::sortingtests {
+namespace loomwork::testing {
 namespace {
 
 constexpr uint64_t kSeed = 20261124;
-using Rng = std::mt19937_64;
-
-int64_t uniform(Rng& rng, int64_t lo, int64_t hi) { return std::uniform_int_distribution<int64_t>(lo, hi)(rng); }
-
 // A record with two sort keys that the host changes in place.
 class Entry : public Object {
  public:
@@ -111,17 +106,6 @@ TEST(SortingKeyCache, KeptKeysSortLikeTheDocumentedFullSort) {
 
 // A sorting segment over a list of entries under a root that keeps the
 // notification of the last pass.
-class CapturingRoot : public SGPassthroughSegment {
- public:
-  void willExitNodeWithNotification(NPWNotification& notification) override {
-    SGPassthroughSegment::willExitNodeWithNotification(notification);
-    last = notification.ref<NPWNotification>();
-    ++passes;
-  }
-  Ref<NPWNotification> last;
-  int passes = 0;
-};
-
 struct SortingFixture {
   explicit SortingFixture(std::vector<int64_t> ranks) {
     Array entries;
@@ -169,7 +153,7 @@ TEST(SortingSegment, MapsIndexesAndRefusesDrops) {
   EXPECT_EQ(f.sorting->indexSetByTransformingInnerSegmentIndexSet(IndexSet{0, 1}), (IndexSet{0, 3}));
 
   // Equal but separate descriptors change nothing and publish nothing.
-  const int passes = f.root->passes;
+  const int64_t passes = f.root->passes;
   f.sorting->setSortDescriptors(std::vector<SortDescriptor>{SortDescriptor("rank")});
   EXPECT_EQ(f.root->passes, passes);
   f.sorting->setSortDescriptors(std::vector<SortDescriptor>{SortDescriptor("rank", false)});
@@ -209,4 +193,4 @@ TEST(SortingSegment, ResortsAfterInsertionsAndWhenTheBlockAsks) {
 }
 
 }  // namespace
-}  // namespace loomwork::sortingtests
+}  // namespace loomwork::testing

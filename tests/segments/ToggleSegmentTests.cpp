@@ -5,37 +5,17 @@
 
 #include <string>
 
+#include "SegmentTestSupport.h"
 #include "loomwork/listtransform.h"
-#include "loomwork/segments.h"
 
-namespace loomwork::toggletests {
+namespace loomwork::testing {
 namespace {
-
-Array rowsOf(const SGSegment& segment) {
-  Array rows;
-  segment.appendRepresentedObjectsToArray(rows);
-  return rows;
-}
 
 std::string describeRows(const Array& rows) {
   std::string text;
   for (const Value& row : rows) text += (text.empty() ? "" : " ") + row.description();
   return text;
 }
-
-// A root that runs a check at the end of every pass, after its own exit hook.
-class CheckingRoot : public SGPassthroughSegment {
- public:
-  void willExitNodeWithNotification(NPWNotification& notification) override {
-    SGPassthroughSegment::willExitNodeWithNotification(notification);
-    last = notification.ref<NPWNotification>();
-    ++passes;
-    if (check) check(notification);
-  }
-  std::function<void(NPWNotification&)> check;
-  Ref<NPWNotification> last;
-  int64_t passes = 0;
-};
 
 Ref<LWArrayContainer> numbers(int64_t count, int64_t first = 0) {
   Array array;
@@ -54,7 +34,7 @@ TEST(ToggleSegment, HidesShowsAndDefersSwitchesInsideAPass) {
   });
   auto toggle = make<SGToggleSegment>();
   toggle->setInnerSegment(leaf);
-  auto root = make<CheckingRoot>();
+  auto root = make<CapturingRoot>();
   root->setInnerSegment(toggle);
   auto published = [&] {
     return SGSegment::transformForRelationOfSegmentInNotification("items", *toggle, *root->last);
@@ -109,7 +89,7 @@ TEST(ToggleSegment, HidesShowsAndDefersSwitchesInsideAPass) {
 // rows is not told: the shortest case of rows changing without a transform.
 TEST(ToggleSegment, ExchangingTheInnerSegmentPublishesNoChange) {
   auto toggle = make<SGToggleSegment>();
-  auto root = make<CheckingRoot>();
+  auto root = make<CapturingRoot>();
   root->setInnerSegment(toggle);
   toggle->setInnerSegment(make<SGListSegment>(numbers(1)));
   const int64_t passes = root->passes;
@@ -120,7 +100,7 @@ TEST(ToggleSegment, ExchangingTheInnerSegmentPublishesNoChange) {
 
 TEST(PassthroughSegment, PassesItemsThroughAndPublishesExchanges) {
   auto passthrough = make<SGPassthroughSegment>();
-  auto root = make<CheckingRoot>();
+  auto root = make<CapturingRoot>();
   root->setInnerSegment(passthrough);
   auto published = [&] {
     return SGSegment::transformForRelationOfSegmentInNotification("items", *passthrough, *root->last);
@@ -146,4 +126,4 @@ TEST(PassthroughSegment, PassesItemsThroughAndPublishesExchanges) {
 }
 
 }  // namespace
-}  // namespace loomwork::toggletests
+}  // namespace loomwork::testing
