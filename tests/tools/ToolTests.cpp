@@ -45,25 +45,19 @@ std::string readFile(const fs::path& path) {
 }
 
 // Scratch files for one test, removed afterwards.
-class Scratch {
- public:
-  Scratch() {
+struct Scratch {
+  fs::path dir = [] {
     std::string pattern = (fs::temp_directory_path() / "loomwork-tools-XXXXXX").string();
-    dir_ = mkdtemp(pattern.data());
-  }
+    return fs::path(mkdtemp(pattern.data()));
+  }();
   ~Scratch() {
     std::error_code error;
-    fs::remove_all(dir_, error);
+    fs::remove_all(dir, error);
   }
   fs::path write(const std::string& name, const std::string& content) const {
-    const fs::path path = dir_ / name;
-    std::ofstream(path, std::ios::binary) << content;
-    return path;
+    std::ofstream(dir / name, std::ios::binary) << content;
+    return dir / name;
   }
-  const fs::path& dir() const { return dir_; }
-
- private:
-  fs::path dir_;
 };
 
 std::string quoted(const std::string& text) {
@@ -75,7 +69,7 @@ std::string quoted(const std::string& text) {
 // Runs the program with `input` as standard input and waits for it.
 Result run(const std::string& program, const std::vector<std::string>& arguments, const std::string& input = "") {
   Scratch scratch;
-  const fs::path in = scratch.write("in", input), out = scratch.dir() / "out", err = scratch.dir() / "err";
+  const fs::path in = scratch.write("in", input), out = scratch.dir / "out", err = scratch.dir / "err";
   std::string command = quoted(program);
   for (const auto& argument : arguments) command += " " + quoted(argument);
   command += " <" + quoted(in) + " >" + quoted(out) + " 2>" + quoted(err);
@@ -313,13 +307,10 @@ TEST_F(ListDiffTest, PrintsTheTransformAndEachStepOnce) {
   const std::vector<std::string> out = lines(result.out);
   EXPECT_EQ(out[0], "old: 6 items (a, b, c, d, e, f)");
   EXPECT_EQ(out[1], "new: 6 items (f, b, x, c, a, e)");
-  EXPECT_EQ(out.back(), std::to_string(std::count_if(out.begin(), out.end(),
-                                                     [](const std::string& l) {
-                                                       return l.rfind("  delete ", 0) == 0 ||
-                                                              l.rfind("  move ", 0) == 0 ||
-                                                              l.rfind("  insert ", 0) == 0;
-                                                     })) +
-                            " steps turn the old list into the new one");
+  // Steps are the lines indented by two spaces.
+  const auto steps =
+      std::count_if(out.begin(), out.end(), [](const std::string& l) { return l.rfind("  ", 0) == 0 && l[2] != ' '; });
+  EXPECT_EQ(out.back(), std::to_string(steps) + " steps turn the old list into the new one");
   EXPECT_NE(result.out.find("  insert 2 (x)\n"), std::string::npos);
   // Commas separate items, empty ones too.
   EXPECT_EQ(lines(listdiff({"a,,b", "a,b"}).out).front(), "old: 3 items (a, \"\", b)");
