@@ -11,7 +11,7 @@
 #pragma GCC visibility push(default)
 namespace loomwork {
 
-// The base directories of the XDG Base Directory Specification. A variable
+// The base directories that the XDG base-directory convention names. A variable
 // that is unset, empty or not an absolute path is ignored and its default
 // used; in the lists, entries that are not absolute are dropped.
 struct XDGBaseDirectories {
