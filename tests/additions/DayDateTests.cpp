@@ -42,9 +42,7 @@ TEST(DayDate, DocumentedCasesAndObjectBehaviour) {
   ASSERT_TRUE(kZoneFixed);
   Ref<TWDayDate> leapDay = ymd(2020, 2, 29);
   Ref<TWDayDate> march1 = leapDay->nextDay();
-  EXPECT_TRUE(march1->isEqual(*ymd(2020, 3, 1)));
-  EXPECT_EQ(1, TWDayDate::daysFromTo(leapDay, march1));
-  EXPECT_EQ(-1, TWDayDate::daysFromTo(march1, leapDay));
+  // Moving and counting days is checked against ICU below.
   EXPECT_TRUE(leapDay->daysUntil(march1) == 1 && leapDay->daysFrom(march1) == -1);
   EXPECT_EQ(0, TWDayDate::daysFromTo(leapDay, nullptr));
   EXPECT_TRUE(leapDay->isSameDay(march1->previousDay()));
@@ -175,23 +173,18 @@ TEST(DayDate, CalendarOperationsAndWeekdayNames) {
   EXPECT_EQ("Montag", Calendar::weekdaySymbols("de")[1]);
 }
 
-// The record walks exactly as described, one year and one month at a time.
+// The record walks exactly as described, one year and one month at a time;
+// which year's length a year step takes depends on the month.
 int64_t walkDifference(TWDatePickerDate a, TWDatePickerDate b) {
   const bool ordered = TWDatePickerDateCompareToDate(a, b) != OrderedDescending;
   TWDatePickerDate from = ordered ? a : b, to = ordered ? b : a;
   int64_t months = (to.month - from.month) + 12 * (to.year - from.year);
   int64_t days = to.day - from.day;
-  if (months >= 13) {
-    while (months > 12) {
-      if (from.month >= 3) {
-        from.year += 1;
-        days += TWDatePickerDateGetNumberOfDaysInYear(from);
-      } else {
-        days += TWDatePickerDateGetNumberOfDaysInYear(from);
-        from.year += 1;
-      }
-      months -= 12;
-    }
+  for (; months > 12; months -= 12) {
+    const bool early = from.month < 3;
+    if (!early) ++from.year;
+    days += TWDatePickerDateGetNumberOfDaysInYear(from);
+    if (early) ++from.year;
   }
   for (int64_t i = 0; i < months; ++i) {
     days += TWDatePickerDateGetNumberOfDaysInMonth(from);
@@ -202,25 +195,18 @@ int64_t walkDifference(TWDatePickerDate a, TWDatePickerDate b) {
 
 TWDatePickerDate walkValidate(TWDatePickerDate date) {
   TWDatePickerDate r = date;
+  const bool early = date.month < 3;  // the caller's month, not the normalised one
   while (r.month > 12) r.month -= 12, r.year += 1;
   while (r.month < 1) r.month += 12, r.year -= 1;
   while (r.day > 365) {
-    if (date.month < 3) {
-      r.day -= TWDatePickerDateGetNumberOfDaysInYear(r);
-      r.year += 1;
-    } else {
-      r.year += 1;
-      r.day -= TWDatePickerDateGetNumberOfDaysInYear(r);
-    }
+    if (!early) ++r.year;
+    r.day -= TWDatePickerDateGetNumberOfDaysInYear(r);
+    if (early) ++r.year;
   }
   while (r.day < 1) {
-    if (date.month < 3) {
-      r.year -= 1;
-      r.day += TWDatePickerDateGetNumberOfDaysInYear(r);
-    } else {
-      r.day += TWDatePickerDateGetNumberOfDaysInYear(r);
-      r.year -= 1;
-    }
+    if (early) --r.year;
+    r.day += TWDatePickerDateGetNumberOfDaysInYear(r);
+    if (!early) --r.year;
   }
   while (r.day > TWDatePickerDateGetNumberOfDaysInMonth(r)) {
     r.day -= TWDatePickerDateGetNumberOfDaysInMonth(r);

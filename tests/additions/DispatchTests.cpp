@@ -94,19 +94,6 @@ TEST(ThreadDispatch, DelayedTasksRunByDeadline) {
   dispatchAfterBlock(*worker, 0, [&] { journal.add(0); });
   ASSERT_TRUE(waitUntil([&] { return journal.snapshot().size() == 4; }));
   EXPECT_EQ((std::vector<int>{0, 1, 2, 3}), journal.snapshot());
-
-  // Any thread can serve its own loop; a cancelled task never runs.
-  Ref<RunLoop> loop = RunLoop::current();
-  EXPECT_TRUE(loop->isCurrent());
-  bool ran = false, cancelled = false;
-  const RunLoop::TaskID id = loop->performAfterDelay(0.01, [&] { cancelled = true; });
-  loop->performAfterDelay(0.05, [&] {
-    ran = true;
-    loop->stop();
-  });
-  EXPECT_TRUE(loop->cancelTask(id) && !loop->cancelTask(id));
-  loop->runFor(10);
-  EXPECT_TRUE(ran && !cancelled && loop->pendingDelayedTaskCount() == 0);
 }
 
 TEST(ThreadDispatch, CoalescedRequestsRunTheLastTaskOnceAfterTheLastRequest) {

@@ -1,11 +1,17 @@
-// The data detector's URLs, components and ranges, and the operation's
-// reporting, cancellation and behaviour on hostile text.
+// The data detector's URLs, components and ranges, the operation's
+// reporting, cancellation and behaviour on hostile text, and its precision and
+// recall per kind of match over the hand-marked corpus.
 
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <map>
 #include <random>
+#include <set>
 #include <thread>
+#include <tuple>
 
 #include "loomwork/additions/LWURLDetectionOperation.h"
 #include "loomwork/platform/TextServices.h"
@@ -102,11 +108,10 @@ TEST(URLDetection, AddressComponentsAndLinks) {
       detector->matchesInString("Ship to 221 W 42nd Street, Suite 400, New York, New York 10036, USA please");
   ASSERT_EQ(matches.size(), 1u);
   const DataDetectorMatch& m = matches[0];
-  EXPECT_EQ(m.addressComponent(kAddressStreetKey), "221 W 42nd Street, Suite 400");
-  EXPECT_EQ(m.addressComponent(kAddressCityKey), "New York");
-  EXPECT_EQ(m.addressComponent(kAddressStateKey), "New York");
-  EXPECT_EQ(m.addressComponent(kAddressZIPKey), "10036");
-  EXPECT_EQ(m.addressComponent(kAddressCountryKey), "USA");
+  for (const auto& [key, expected] : {std::pair{kAddressStreetKey, "221 W 42nd Street, Suite 400"},
+                                      {kAddressCityKey, "New York"}, {kAddressStateKey, "New York"},
+                                      {kAddressZIPKey, "10036"}, {kAddressCountryKey, "USA"}})
+    EXPECT_EQ(m.addressComponent(key), expected) << key;
   EXPECT_EQ(LWURLDetectionOperation::linkForMatch(m),
             "https://maps.google.com/?q=221%20W%2042nd%20Street,%20Suite%20400,%20New%20York,%20New%20York,"
             "%2010036,%20USA");
@@ -281,32 +286,10 @@ TEST(URLDetection, RandomCancellationOnTheQueue) {
 // lists are always of equal length, every range lies inside the text, ranges
 // do not overlap, and every URL is well formed.
 TEST(URLDetection, RandomTextsKeepTheListsParallel) {
-  const char* pieces[] = {"example.com",
-                          "www.x.org/a(b)",
-                          "a@b.co",
-                          "(415) 555-0132",
-                          "message:%3Cm@x.com%3E",
-                          "message:",
-                          "%3E",
-                          "1 Main St, Springfield, IL 62701",
-                          "v1.2.3",
-                          "https://",
-                          "::",
-                          "..",
-                          "@",
-                          "(",
-                          ")",
-                          "\"",
-                          "😀",
-                          "e\u0301",
-                          "\xff",
-                          "\xe2\x82",
-                          "\n",
-                          " ",
-                          ",",
-                          "http://[::1]",
-                          "05.10.1986",
-                          "+49 30 901820"};
+  const char* pieces[] = {"example.com", "www.x.org/a(b)", "a@b.co", "(415) 555-0132", "message:%3Cm@x.com%3E",
+                          "message:", "%3E", "1 Main St, Springfield, IL 62701", "v1.2.3", "https://", "::", "..",
+                          "@", "(", ")", "\"", "😀", "e\u0301", "\xff", "\xe2\x82", "\n", " ", ",", "http://[::1]",
+                          "05.10.1986", "+49 30 901820"};
   for (unsigned seed = 1; seed <= 300; ++seed) {
     std::mt19937 random(seed);
     std::string text;
@@ -328,64 +311,26 @@ TEST(URLDetection, RandomTextsKeepTheListsParallel) {
   }
 }
 
+std::string times(std::string_view piece, size_t count) {
+  std::string s;
+  while (count-- > 0) s += piece;
+  return s;
+}
+
 TEST(URLDetection, HostileTextsFinishWithSaneResults) {
-  std::string url = "https://example.com/";
-  while (url.size() < (1 << 20)) url += "segment/";
+  const std::string url = "https://example.com/" + times("segment/", 131070);  // a megabyte
+  std::string highBytes;
+  for (int i = 0; i < 100000; ++i) highBytes += char(0x80 + i % 64);
   const struct {
     std::string text;
     size_t links;
   } cases[] = {
-      {std::string(1 << 20, 'a'), 0},
-      {std::string(100000, '.'), 0},
-      {"x" + std::string(100000, '.') + "com", 0},
-      {[] {
-         std::string s;
-         for (int i = 0; i < 50000; ++i) s += "😀";
-         return s;
-       }(),
-       0},
-      {"e" +
-           [] {
-             std::string s;
-             for (int i = 0; i < 100000; ++i) s += "\u0301";
-             return s;
-           }() +
-           ".com",
-       0},
+      {std::string(1 << 20, 'a'), 0}, {std::string(100000, '.'), 0}, {"x" + std::string(100000, '.') + "com", 0},
+      {times("😀", 50000), 0}, {"e" + times("\u0301", 100000) + ".com", 0},
       {"http://example.com/" + std::string(100000, '(') + std::string(100000, ')'), 1},
-      {std::string(100000, '[') + "example.com" + std::string(100000, ']'), 1},
-      {url, 1},
-      {[] {
-         std::string s;
-         for (int i = 0; i < 100000; ++i) s += "a@";
-         return s;
-       }(),
-       0},
-      {[] {
-         std::string s;
-         for (int i = 0; i < 50000; ++i) s += "a.b@";
-         return s;
-       }(),
-       0},
-      {[] {
-         std::string s;
-         for (int i = 0; i < 50000; ++i) s += "x://";
-         return s;
-       }(),
-       0},
-      {[] {
-         std::string s;
-         for (int i = 0; i < 30000; ++i) s += "message:";
-         return s;
-       }(),
-       1},
-      {std::string(200000, '1'), 0},
-      {[] {
-         std::string s;
-         for (int i = 0; i < 100000; ++i) s += char(0x80 + i % 64);
-         return s;
-       }(),
-       0},
+      {std::string(100000, '[') + "example.com" + std::string(100000, ']'), 1}, {url, 1}, {times("a@", 100000), 0},
+      {times("a.b@", 50000), 0}, {times("x://", 50000), 0}, {times("message:", 30000), 1},
+      {std::string(200000, '1'), 0}, {highBytes, 0},
   };
   for (const auto& c : cases) {
     auto collector = run(c.text);
@@ -396,6 +341,91 @@ TEST(URLDetection, HostileTextsFinishWithSaneResults) {
   auto whole = run(url, TextCheckingTypeLink);
   ASSERT_EQ(whole->ranges.size(), 1u);
   EXPECT_EQ(whole->ranges[0], (IndexRange{0, int64_t(url.size())}));
+}
+
+
+char kindOfURL(const std::string& url) {
+  if (url.starts_with("mailto:")) return 'E';
+  if (url.starts_with("tel://")) return 'P';
+  if (url.starts_with("message:")) return 'M';
+  if (url.starts_with(LWURLDetectionOperation::mapsSearchAddress())) return 'A';
+  return 'L';
+}
+
+// (kind, UTF-16 location, UTF-16 length)
+using Expected = std::tuple<char, int64_t, int64_t>;
+
+// Strips the ⟦K:...⟧ marks from a corpus line, returning the plain text and the marked spans.
+std::string parseLine(std::string_view line, std::set<Expected>& expected) {
+  std::string text;
+  size_t i = 0;
+  while (i < line.size()) {
+    if (line.substr(i).starts_with("\\n")) {
+      text += '\n';
+      i += 2;
+    } else if (line.substr(i).starts_with("⟦")) {
+      const char kind = line[i + 3];
+      const size_t close = line.find("⟧", i);
+      std::string inner(line.substr(i + 5, close - i - 5));
+      for (size_t p; (p = inner.find("\\n")) != std::string::npos;) inner.replace(p, 2, "\n");
+      const auto location = static_cast<int64_t>(utf16FromUTF8(text).size());
+      expected.emplace(kind, location, static_cast<int64_t>(utf16FromUTF8(inner).size()));
+      text += inner;
+      i = close + 3;
+    } else {
+      text += line[i++];
+    }
+  }
+  return text;
+}
+
+// Prints every miss and a table per kind; the corpus is this detector's own
+// yardstick, so a regression shows up here.
+TEST(URLDetectionCorpus, PrecisionAndRecallPerKind) {
+  const char* data = std::getenv("LOOMWORK_TEST_DATA");
+  std::ifstream in(std::string(data ? data : ".") + "/urldetection/corpus.txt");
+  ASSERT_TRUE(in) << "run from tests/additions or set LOOMWORK_TEST_DATA";
+  std::map<char, int> correct, found, expectedCount;
+  std::string region = "US", line;
+  for (int lineNumber = 1; std::getline(in, line); ++lineNumber) {
+    if (line.empty() || line[0] == '#') continue;
+    if (line.starts_with("region: ")) {
+      region = line.substr(8);
+      continue;
+    }
+    std::set<Expected> expected, actual;
+    auto collector = run(parseLine(line, expected), kAllTypes, region);
+    ASSERT_EQ(collector->calls, 1);
+    ASSERT_EQ(collector->urls.size(), collector->ranges.size());
+    auto report = [&](const std::string& what, const Expected& e) {
+      std::printf("  line %d: %s at %lld+%lld\n", lineNumber, what.c_str(), static_cast<long long>(std::get<1>(e)),
+                  static_cast<long long>(std::get<2>(e)));
+    };
+    for (size_t k = 0; k < collector->urls.size(); ++k) {
+      const Expected a{kindOfURL(collector->urls[k]), collector->ranges[k].location, collector->ranges[k].length};
+      actual.insert(a);
+      ++found[std::get<0>(a)];
+      if (!expected.count(a)) report("extra " + collector->urls[k], a);
+    }
+    for (const Expected& e : expected) {
+      ++expectedCount[std::get<0>(e)];
+      if (actual.count(e))
+        ++correct[std::get<0>(e)];
+      else
+        report(std::string("missed ") + std::get<0>(e), e);
+    }
+  }
+  std::printf("  kind        expected found correct precision recall\n");
+  int allCorrect = 0, allFound = 0, allExpected = 0;
+  for (const auto& [kind, name] :
+       std::map<char, const char*>{{'L', "link"}, {'E', "e-mail"}, {'P', "phone"}, {'A', "address"}, {'M', "message"}}) {
+    const int tp = correct[kind], f = found[kind], e = expectedCount[kind];
+    allCorrect += tp, allFound += f, allExpected += e;
+    std::printf("  %-10s %9d %5d %7d %9.3f %6.3f\n", name, e, f, tp, f ? double(tp) / f : 1.0, e ? double(tp) / e : 1.0);
+    EXPECT_GT(e, 0) << name;
+  }
+  EXPECT_GE(double(allCorrect) / allFound, 0.95);
+  EXPECT_GE(double(allCorrect) / allExpected, 0.95);
 }
 
 }  // namespace
