@@ -108,10 +108,11 @@ TEST(URLDetection, AddressComponentsAndLinks) {
       detector->matchesInString("Ship to 221 W 42nd Street, Suite 400, New York, New York 10036, USA please");
   ASSERT_EQ(matches.size(), 1u);
   const DataDetectorMatch& m = matches[0];
-  for (const auto& [key, expected] : {std::pair{kAddressStreetKey, "221 W 42nd Street, Suite 400"},
-                                      {kAddressCityKey, "New York"}, {kAddressStateKey, "New York"},
-                                      {kAddressZIPKey, "10036"}, {kAddressCountryKey, "USA"}})
-    EXPECT_EQ(m.addressComponent(key), expected) << key;
+  EXPECT_EQ(m.addressComponent(kAddressStreetKey), "221 W 42nd Street, Suite 400");
+  EXPECT_EQ(m.addressComponent(kAddressCityKey), "New York");
+  EXPECT_EQ(m.addressComponent(kAddressStateKey), "New York");
+  EXPECT_EQ(m.addressComponent(kAddressZIPKey), "10036");
+  EXPECT_EQ(m.addressComponent(kAddressCountryKey), "USA");
   EXPECT_EQ(LWURLDetectionOperation::linkForMatch(m),
             "https://maps.google.com/?q=221%20W%2042nd%20Street,%20Suite%20400,%20New%20York,%20New%20York,"
             "%2010036,%20USA");
@@ -286,10 +287,12 @@ TEST(URLDetection, RandomCancellationOnTheQueue) {
 // lists are always of equal length, every range lies inside the text, ranges
 // do not overlap, and every URL is well formed.
 TEST(URLDetection, RandomTextsKeepTheListsParallel) {
+  // clang-format off
   const char* pieces[] = {"example.com", "www.x.org/a(b)", "a@b.co", "(415) 555-0132", "message:%3Cm@x.com%3E",
                           "message:", "%3E", "1 Main St, Springfield, IL 62701", "v1.2.3", "https://", "::", "..",
                           "@", "(", ")", "\"", "😀", "e\u0301", "\xff", "\xe2\x82", "\n", " ", ",", "http://[::1]",
                           "05.10.1986", "+49 30 901820"};
+  // clang-format on
   for (unsigned seed = 1; seed <= 300; ++seed) {
     std::mt19937 random(seed);
     std::string text;
@@ -321,10 +324,8 @@ TEST(URLDetection, HostileTextsFinishWithSaneResults) {
   const std::string url = "https://example.com/" + times("segment/", 131070);  // a megabyte
   std::string highBytes;
   for (int i = 0; i < 100000; ++i) highBytes += char(0x80 + i % 64);
-  const struct {
-    std::string text;
-    size_t links;
-  } cases[] = {
+  // clang-format off
+  const std::pair<std::string, size_t> cases[] = {
       {std::string(1 << 20, 'a'), 0}, {std::string(100000, '.'), 0}, {"x" + std::string(100000, '.') + "com", 0},
       {times("😀", 50000), 0}, {"e" + times("\u0301", 100000) + ".com", 0},
       {"http://example.com/" + std::string(100000, '(') + std::string(100000, ')'), 1},
@@ -332,17 +333,17 @@ TEST(URLDetection, HostileTextsFinishWithSaneResults) {
       {times("a.b@", 50000), 0}, {times("x://", 50000), 0}, {times("message:", 30000), 1},
       {std::string(200000, '1'), 0}, {highBytes, 0},
   };
-  for (const auto& c : cases) {
-    auto collector = run(c.text);
+  // clang-format on
+  for (const auto& [text, links] : cases) {
+    auto collector = run(text);
     ASSERT_EQ(collector->calls, 1);
-    EXPECT_EQ(collector->urls.size(), c.links) << c.text.substr(0, 40);
+    EXPECT_EQ(collector->urls.size(), links) << text.substr(0, 40);
     EXPECT_EQ(collector->urls.size(), collector->ranges.size());
   }
   auto whole = run(url, TextCheckingTypeLink);
   ASSERT_EQ(whole->ranges.size(), 1u);
   EXPECT_EQ(whole->ranges[0], (IndexRange{0, int64_t(url.size())}));
 }
-
 
 char kindOfURL(const std::string& url) {
   if (url.starts_with("mailto:")) return 'E';
@@ -417,11 +418,12 @@ TEST(URLDetectionCorpus, PrecisionAndRecallPerKind) {
   }
   std::printf("  kind        expected found correct precision recall\n");
   int allCorrect = 0, allFound = 0, allExpected = 0;
-  for (const auto& [kind, name] :
-       std::map<char, const char*>{{'L', "link"}, {'E', "e-mail"}, {'P', "phone"}, {'A', "address"}, {'M', "message"}}) {
+  for (const auto& [kind, name] : std::map<char, const char*>{
+           {'L', "link"}, {'E', "e-mail"}, {'P', "phone"}, {'A', "address"}, {'M', "message"}}) {
     const int tp = correct[kind], f = found[kind], e = expectedCount[kind];
     allCorrect += tp, allFound += f, allExpected += e;
-    std::printf("  %-10s %9d %5d %7d %9.3f %6.3f\n", name, e, f, tp, f ? double(tp) / f : 1.0, e ? double(tp) / e : 1.0);
+    std::printf("  %-10s %9d %5d %7d %9.3f %6.3f\n", name, e, f, tp, f ? double(tp) / f : 1.0,
+                e ? double(tp) / e : 1.0);
     EXPECT_GT(e, 0) << name;
   }
   EXPECT_GE(double(allCorrect) / allFound, 0.95);
