@@ -4,6 +4,7 @@
 #include <string>
 
 #include "PropertyListTestSupport.h"
+#include "loomwork/additions/PropertyListAdditions.h"
 #include "loomwork/platform/Object.h"
 #include "loomwork/platform/PropertyList.h"
 
@@ -21,16 +22,23 @@ constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 Data binary(const Value& v) { return testing::write(v, PropertyListFormat::Binary); }
 
+// Through the plain codec and, with nulls and sets, through the extended one.
 TEST(PropertyListCodec, RandomValuesRoundTripExactlyInBothFormats) {
   for (uint64_t seed = 1; seed <= 400; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     for (auto format : {PropertyListFormat::Binary, PropertyListFormat::XML}) {
-      Value original = testing::PlistGenerator(seed, {.xmlSafe = format == PropertyListFormat::XML}).value();
+      const bool extended = seed % 2 == 0;
+      Value original =
+          testing::PlistGenerator(seed, {.xmlSafe = format == PropertyListFormat::XML, .extended = extended}).value();
       std::string error;
-      auto data = dataFromPropertyList(original, format, &error);
+      auto data = extended ? dataFromExtendedPropertyListFormatErrorDescription(original, format, &error)
+                           : dataFromPropertyList(original, format, &error);
       ASSERT_TRUE(data) << error;
       PropertyListFormat found{};
-      auto back = propertyListFromData(*data, PropertyListMutabilityOption::MutableContainersAndLeaves, &found, &error);
+      const auto leaves = PropertyListMutabilityOption::MutableContainersAndLeaves;
+      auto back =
+          extended ? extendedPropertyListFromDataMutabilityOptionFormatErrorDescription(*data, leaves, &found, &error)
+                   : propertyListFromData(*data, leaves, &found, &error);
       ASSERT_TRUE(back) << error;
       EXPECT_EQ(found, format);
       EXPECT_TRUE(sameValue(original, *back)) << original.description() << "\n" << back->description();
