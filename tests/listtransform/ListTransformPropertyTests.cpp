@@ -116,27 +116,44 @@ void literalNormalizeMoves(UGMutableListTransform& t) {
   t.mutableInsertions() = working;
 }
 
-// The transition recorded change by change: each old element moves to the
-// lowest unclaimed matching position of the new array or is deleted, the
-// positions left over are insertions, then needless moves are dropped.
-Ref<UGListTransform> literalTransition(const Array& from, const Array& to, int mode) {
-  auto matches = [mode](const Value& x, const Value& y) { return mode == 0 ? x.isIdenticalTo(y) : x == y; };
-  auto t = UGMutableListTransform::transform();
+// The transition's matching: each old element to the lowest unclaimed
+// matching new position, as (old, new) pairs.
+std::vector<std::pair<int64_t, int64_t>> matching(const Array& from, const Array& to, int mode) {
+  std::vector<std::pair<int64_t, int64_t>> pairs;
   std::vector<bool> claimed(to.size(), false);
   for (size_t i = 0; i < from.size(); ++i) {
     size_t j = 0;
-    while (j < to.size() && (claimed[j] || !matches(from[i], to[j]))) ++j;
-    if (j < to.size()) {
-      claimed[j] = true;
-      t->recordMovedObjectFromIndexToIndex(from[i], static_cast<int64_t>(i), static_cast<int64_t>(j));
-    } else {
-      t->recordDeletedObjectFromIndex(from[i], static_cast<int64_t>(i));
-    }
+    while (j < to.size() && (claimed[j] || !(mode == 0 ? from[i].isIdenticalTo(to[j]) : from[i] == to[j]))) ++j;
+    if (j < to.size()) claimed[j] = true, pairs.emplace_back(i, j);
   }
+  return pairs;
+}
+
+// The transition recorded change by change: matched elements move, the
+// others are deleted, the positions left over are insertions, then needless
+// moves are dropped.
+Ref<UGListTransform> literalTransition(const Array& from, const Array& to, int mode) {
+  auto t = UGMutableListTransform::transform();
+  std::vector<bool> moved(from.size(), false), claimed(to.size(), false);
+  for (auto [i, j] : matching(from, to, mode)) {
+    moved[static_cast<size_t>(i)] = claimed[static_cast<size_t>(j)] = true;
+    t->recordMovedObjectFromIndexToIndex(from[static_cast<size_t>(i)], i, j);
+  }
+  for (size_t i = 0; i < from.size(); ++i)
+    if (!moved[i]) t->recordDeletedObjectFromIndex(from[i], static_cast<int64_t>(i));
   for (size_t j = 0; j < to.size(); ++j)
     if (!claimed[j]) t->recordInsertedObjectAtIndex(to[j], static_cast<int64_t>(j));
   literalNormalizeMoves(*t);
   return t;
+}
+
+// Turns both arrays into long strings (objects of their own), b holding some
+// of a's string objects and some new strings with equal texts.
+void makeStrings(Rng& rng, Array& a, Array& b, int64_t texts) {
+  auto text = [&](const Value& x) { return Value(std::string(24, 's') + std::to_string(x.integerValue() % texts)); };
+  for (Value& x : a) x = text(x);
+  const auto last = static_cast<int64_t>(a.size()) - 1;
+  for (Value& x : b) x = last < 0 || uniform(rng, 0, 1) ? text(x) : a[static_cast<size_t>(uniform(rng, 0, last))];
 }
 
 TEST(ListTransformProperties, TransitionReachesTheNewArrayInBothComparisonModes) {
@@ -146,13 +163,7 @@ TEST(ListTransformProperties, TransitionReachesTheNewArrayInBothComparisonModes)
     Array a = randomArray(rng, static_cast<size_t>(uniform(rng, 0, 12)), uniform(rng, 1, 8));
     Array b = c % 3 == 0 ? randomArray(rng, static_cast<size_t>(uniform(rng, 0, 12)), uniform(rng, 1, 8))
                          : applyStepByStep(a, *randomTransform(rng, a));
-    if (c % 4 == 3) {
-      // Strings, b holding some of a's string objects and some new strings with equal texts.
-      auto text = [](const Value& x) { return Value("s" + std::to_string(x.integerValue() % 4)); };
-      for (Value& x : a) x = text(x);
-      const auto last = static_cast<int64_t>(a.size()) - 1;
-      for (Value& x : b) x = last < 0 || uniform(rng, 0, 1) ? text(x) : a[static_cast<size_t>(uniform(rng, 0, last))];
-    }
+    if (c % 4 == 3) makeStrings(rng, a, b, 4);
     for (auto mode : {UGListTransformObjectComparisonIdentity, UGListTransformObjectComparisonEquality}) {
       auto t = transformForTransitioningFromArrayToArrayObjectComparison(a, b, mode);
       ASSERT_TRUE(isCanonical(*t));
@@ -335,13 +346,7 @@ TEST(ListTransformProperties, FewestMovesTransitionKeepsTheDeletionsAndInsertion
     Array a = randomArray(rng, static_cast<size_t>(uniform(rng, 0, maxSize)), uniform(rng, 1, 12));
     Array b = c % 2 == 0 ? randomArray(rng, static_cast<size_t>(uniform(rng, 0, maxSize)), uniform(rng, 1, 12))
                          : applyStepByStep(a, *randomTransform(rng, a));
-    if (c % 4 == 3) {
-      // Long strings, b holding some of a's string objects and some new strings with equal texts.
-      auto text = [](const Value& x) { return Value(std::string(24, 's') + std::to_string(x.integerValue() % 5)); };
-      for (Value& x : a) x = text(x);
-      const auto last = static_cast<int64_t>(a.size()) - 1;
-      for (Value& x : b) x = last < 0 || uniform(rng, 0, 1) ? text(x) : a[static_cast<size_t>(uniform(rng, 0, last))];
-    }
+    if (c % 4 == 3) makeStrings(rng, a, b, 5);
     for (auto mode : {UGListTransformObjectComparisonIdentity, UGListTransformObjectComparisonEquality}) {
       auto t = transformWithFewestMovesForTransitioningFromArrayToArrayObjectComparison(a, b, mode);
       auto plain = transformForTransitioningFromArrayToArrayObjectComparison(a, b, mode);
@@ -356,14 +361,7 @@ TEST(ListTransformProperties, FewestMovesTransitionKeepsTheDeletionsAndInsertion
                 plain->insertionIndexesIncludingDecomposedMoveIndexes(false));
       ASSERT_LE(moveCount(*t), moveCount(*plain));
       if (maxSize > 8) continue;
-      // The transition's matching: each old element to the lowest unclaimed matching new position.
-      std::vector<std::pair<int64_t, int64_t>> pairs;
-      std::vector<bool> claimed(b.size(), false);
-      for (size_t i = 0; i < a.size(); ++i) {
-        size_t j = 0;
-        while (j < b.size() && (claimed[j] || !(mode == 0 ? a[i].isIdenticalTo(b[j]) : a[i] == b[j]))) ++j;
-        if (j < b.size()) claimed[j] = true, pairs.emplace_back(i, j);
-      }
+      const auto pairs = matching(a, b, mode);
       for (const auto& d : t->deletions())
         ASSERT_TRUE(!d->hasMoveLink() || std::count(pairs.begin(), pairs.end(),
                                                     std::pair(d->index(), d->moveLinkItem()->index())) == 1);
