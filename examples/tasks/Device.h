@@ -66,6 +66,11 @@ class Device {
   // both devices claim the same state.
   bool isQuiet() const;
 
+  // This device's identifier and the full identifier of its pairing (empty
+  // before the first pairing).
+  std::string deviceIdentifier() const;
+  std::string pairing() const;
+
  private:
   struct Impl;
   std::unique_ptr<Impl> impl_;
