@@ -57,17 +57,32 @@ std::string describeTasks(const TaskModel& model) {
   return text;
 }
 
+std::string describeTransform(const UGListTransform& transform, const std::vector<Row>& before,
+                              const std::vector<Row>& after) {
+  auto title = [](const std::vector<Row>& rows, int64_t index) {
+    return index >= 0 && static_cast<size_t>(index) < rows.size() ? " \"" + rows[static_cast<size_t>(index)].title + "\""
+                                                                  : std::string();
+  };
+  std::string text;
+  auto add = [&](const std::string& step) { text += (text.empty() ? "" : ", ") + step; };
+  for (const auto& item : transform.deletions()) {
+    if (auto link = item->moveLinkItem())
+      add("move " + std::to_string(item->index()) + "->" + std::to_string(link->index()) + title(before, item->index()));
+    else
+      add("delete " + std::to_string(item->index()) + title(before, item->index()));
+  }
+  for (const auto& item : transform.insertions())
+    if (!item->hasMoveLink()) add("insert " + std::to_string(item->index()) + title(after, item->index()));
+  return text.empty() ? "no change" : text;
+}
+
 BatchSession::BatchSession(asio::io_context& context, Device& device, TaskRows& rows,
                            std::function<void(const std::string&)> output, std::function<void()> finished)
     : context_(context), device_(device), rows_(rows), output_(std::move(output)), finished_(std::move(finished)),
       timer_(context) {
-  rows_.setTransformObserver([this](const Ref<UGListTransform>& transform, const std::vector<Row>&,
-                                    const std::vector<Row>&) {
-    if (!transforms_) return;
-    std::string text = transform->description();
-    for (char& c : text)
-      if (c == '\n') c = ' ';
-    output_("~ " + text + "\n");
+  rows_.setTransformObserver([this](const Ref<UGListTransform>& transform, const std::vector<Row>& before,
+                                    const std::vector<Row>& after) {
+    if (transforms_) output_("~ " + describeTransform(*transform, before, after) + "\n");
   });
 }
 
@@ -228,10 +243,15 @@ void BatchSession::run(const std::vector<std::string>& words) {
          << " waiting=" << status.componentsWaiting << " online=" << (status.online ? "yes" : "no")
          << " connected=" << (status.connected ? "yes" : "no") << " device=" << device_.deviceIdentifier()
          << " pairing=" << (device_.pairing().empty() ? "-" : device_.pairing());
+    if (status.seedProgress) text << " progress=" << *status.seedProgress;
     answer(text.str());
   } else if (command == "rows") {
     output_(rows_.describe());
     answer("ok " + std::to_string(rows_.rows().size()));
+  } else if (command == "count") {
+    size_t tasks = 0;
+    for (const auto& [uuid, entity] : device_.model().entities()) tasks += entity.kind == kTaskKind;
+    answer("ok rows=" + std::to_string(rows_.rows().size()) + " tasks=" + std::to_string(tasks));
   } else if (command == "tasks") {
     output_(describeTasks(device_.model()));
     answer("ok");

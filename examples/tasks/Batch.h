@@ -9,7 +9,7 @@
 //                                     (yes/no), list (a list's name)
 //   done TASK | undone TASK | move TASK LIST | delete TASK
 //   bulk N LIST                       N tasks in one edit
-//   offline | online | status | rows | tasks | transforms on|off
+//   offline | online | status | rows | count | tasks | transforms on|off
 //   wait-quiet [SECONDS]              until both devices hold one state
 //   quit
 // TASK is a task's UUID or title; a word may be "quoted with spaces".
@@ -35,6 +35,12 @@ std::string formatDay(int64_t day);
 // Every task, one line each in UUID order: uuid, title, notes, due, done and
 // the list's name; what two converged devices agree on.
 std::string describeTasks(const TaskModel& model);
+
+// One line for a change of the rows: "delete 3 "title", move 4->1 "title",
+// insert 2 "title"" (indexes before the change for deletions and moves,
+// after it for insertions).
+std::string describeTransform(const UGListTransform& transform, const std::vector<Row>& before,
+                              const std::vector<Row>& after);
 
 class BatchSession {
  public:

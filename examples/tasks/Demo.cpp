@@ -40,7 +40,22 @@ std::vector<std::string> snapshot(BatchProcess& process) {
   auto lines = process.command("rows");
   lines.pop_back();
   std::vector<std::string> shown;
-  for (const auto& transform : process.takeTransforms()) shown.push_back("  ~ " + transform);
+  // Each transform, wrapped at its steps to fit the column.
+  for (const auto& transform : process.takeTransforms()) {
+    std::string line = "  ~ ";
+    for (size_t start = 0; start < transform.size();) {
+      size_t end = transform.find(", ", start);
+      end = end == std::string::npos ? transform.size() : end + 2;
+      const std::string step = transform.substr(start, end - start);
+      if (line.size() > 4 && columns(line + step) > kColumn) {
+        shown.push_back(line);
+        line = "    ";
+      }
+      line += step;
+      start = end;
+    }
+    shown.push_back(line);
+  }
   if (!shown.empty()) shown.insert(shown.begin(), "transforms:");
   shown.insert(shown.end(), lines.begin(), lines.end());
   return shown;

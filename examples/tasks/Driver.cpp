@@ -56,16 +56,28 @@ void BatchProcess::send(const std::string& line) {
   }
 }
 
-std::string BatchProcess::readLine(double timeoutSeconds) {
+std::string BatchProcess::readTransform(double timeoutSeconds) {
+  readUntil(timeoutSeconds, true);
+  std::string transform = std::move(transforms_.front());
+  transforms_.erase(transforms_.begin());
+  return transform;
+}
+
+std::string BatchProcess::readLine(double timeoutSeconds) { return readUntil(timeoutSeconds, false); }
+
+std::string BatchProcess::readUntil(double timeoutSeconds, bool transform) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutSeconds);
   for (;;) {
+    if (transform && !transforms_.empty()) return {};
     for (size_t end; (end = buffer_.find('\n')) != std::string::npos;) {
       std::string line = buffer_.substr(0, end);
       buffer_.erase(0, end + 1);
       if (line.starts_with("~ ")) {
         transforms_.push_back(line.substr(2));
+        if (transform) return {};
         continue;
       }
+      if (transform) throw std::runtime_error("an answer came while waiting for a transform: " + line);
       return line;
     }
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());

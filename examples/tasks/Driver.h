@@ -30,6 +30,8 @@ class BatchProcess {
   void send(const std::string& line);
   // The next line that is not a transform line.
   std::string readLine(double timeoutSeconds);
+  // Waits for the next transform line and takes it.
+  std::string readTransform(double timeoutSeconds);
   // The "~ " transform lines read so far, taken.
   std::vector<std::string> takeTransforms();
 
@@ -39,6 +41,8 @@ class BatchProcess {
   pid_t pid() const { return pid_; }
 
  private:
+  std::string readUntil(double timeoutSeconds, bool transform);
+
   pid_t pid_ = -1;
   int input_ = -1, output_ = -1;
   std::string buffer_;

@@ -44,7 +44,7 @@ With --batch, or when stdin is not a terminal, they read one command per line
 and answer each with lines ending in one "ok ..." or "error ..." line:
   list NAME | add LIST TITLE... [YYYY-MM-DD] | edit TASK FIELD=VALUE...
   done TASK | undone TASK | move TASK LIST | delete TASK | bulk N LIST
-  offline | online | status | rows | tasks | transforms on|off
+  offline | online | status | rows | count | tasks | transforms on|off
   wait-quiet [SECONDS] | quit
 )";
 
