@@ -6,7 +6,7 @@
 // The tree: a group of 10 sections, each a sorting segment (two keys) over a
 // filter segment (keeping about half) over a list segment of n records, built
 // as an application builds it, with a shouldSortBlock that asks for a sort
-// only when a sort key changed. Measured: the build, and one insertion, one
+// only when a sort key of one of the section's records changed. Measured: the build, and one insertion, one
 // deletion, one sort-key change, hiding and showing one section, each as one
 // pass (one round of signals on the GTK side). Changes are timed alone; what
 // undoes them between iterations is not.
@@ -16,9 +16,12 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <string>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
+#include "loomwork/graph/UniversalGraphObjects.h"
 #include "loomwork/segments.h"
 
 #ifdef LOOMWORK_BENCH_GTK
@@ -132,9 +135,15 @@ BenchRecord& recordOf(const Value& value) { return *static_cast<BenchRecord*>(va
 // ---------------------------------------------------------------------------
 // Loomwork's tree.
 
-bool updatesSortKey(NPWNotification& notification) {
+// Whether the notification changes a sort key of a record that `owners` places
+// in `section`: the application knows which section shows which record, and
+// re-sorts only the section whose record changed.
+bool updatesSortKeyIn(NPWNotification& notification, const std::unordered_map<std::string, int>& owners,
+                      int section) {
   auto transaction = notification.graphTransaction();
   for (const std::string& uuid : *transaction) {
+    auto owner = owners.find(uuid);
+    if (owner == owners.end() || owner->second != section) continue;
     auto operation = transaction->operationForUUID(uuid);
     if (operation->valueForProperty("a") || operation->valueForProperty("b")) return true;
   }
@@ -152,6 +161,8 @@ struct Section {
 struct LoomworkTree {
   Ref<SGGroupSegment> group;
   std::vector<std::unique_ptr<Section>> sections;
+  // The section of each record whose sort key the application changes.
+  std::unordered_map<std::string, int> owners;
 
   LoomworkTree(int64_t perSection, uint64_t seed) {
     std::mt19937_64 rng(seed);
@@ -172,7 +183,8 @@ struct LoomworkTree {
       section->filter->setInnerSegment(section->leaf);
       section->sorting = make<SGSortingSegment>();
       section->sorting->setSortDescriptors(std::vector<SortDescriptor>{SortDescriptor("a"), SortDescriptor("b")});
-      section->sorting->setShouldSortBlock(updatesSortKey);
+      section->sorting->setShouldSortBlock(
+          [this, s](NPWNotification& notification) { return updatesSortKeyIn(notification, owners, s); });
       section->sorting->setInnerSegment(section->filter);
       children.push_back(section->sorting);
       sections.push_back(std::move(section));
@@ -201,6 +213,11 @@ struct LoomworkTree {
     transform->recordDeletedObjectFromIndex(record, index);
     announce(section, transform);
     return record;
+  }
+  // Done before a sort key of the record changes.
+  void noteOwner(int s, int64_t index) {
+    const Value& record = sections[static_cast<size_t>(s)]->list->array()[static_cast<size_t>(index)];
+    owners.emplace(universalGraphUUID(*record.object()), s);
   }
   void changeSortKey(Section& section, int64_t index, int64_t a) {
     const Value& record = section.list->array()[static_cast<size_t>(index)];
@@ -343,9 +360,11 @@ void BM_LoomworkSortKeyChange(benchmark::State& state) {
   auto& tree = loomworkTree(state.range(0));
   std::mt19937_64 rng(4);
   for (auto _ : state) {
-    Section& section = *tree.sections[rng() % kSections];
+    const auto s = static_cast<int>(rng() % kSections);
+    Section& section = *tree.sections[static_cast<size_t>(s)];
     const auto at = static_cast<int64_t>(rng() % section.list->array().size());
     const auto a = static_cast<int64_t>(rng() % 100);
+    tree.noteOwner(s, at);
     auto start = Clock::now();
     tree.changeSortKey(section, at, a);
     state.SetIterationTime(secondsSince(start));
@@ -376,6 +395,50 @@ void BM_LoomworkShowSection(benchmark::State& state) {
     tree.group->insertSegmentAtIndex(section, s);
     state.SetIterationTime(secondsSince(start));
   }
+}
+
+// The floors: building (and dropping) only the transforms that a change must
+// publish. After an inner insertion or deletion the filter publishes a move of
+// every shown row, also of those that stay where they were; hiding or showing
+// a section publishes a deletion or insertion of each of its rows. No
+// structure behind the segments makes these transforms smaller.
+void BM_FloorShownRowsMoved(benchmark::State& state) {
+  auto& tree = loomworkTree(state.range(0));
+  Array shown;
+  tree.sections[0]->filter->appendRepresentedObjectsToArray(shown);
+  for (auto _ : state) {
+    auto start = Clock::now();
+    auto transform = UGMutableListTransform::transform();
+    auto& deletions = transform->mutableDeletions();
+    auto& insertions = transform->mutableInsertions();
+    deletions.reserve(shown.size());
+    insertions.reserve(shown.size() + 1);
+    for (size_t k = 0; k < shown.size(); ++k) {
+      deletions.push_back(UGListTransformItem::itemWithIndexObject(static_cast<int64_t>(k), shown[k]));
+      insertions.push_back(UGListTransformItem::itemWithIndexObject(static_cast<int64_t>(k), shown[k]));
+      insertions.back()->establishMoveLinkToItem(deletions.back().get());
+    }
+    benchmark::DoNotOptimize(transform->cardinalityChange());
+    transform = nullptr;
+    state.SetIterationTime(secondsSince(start));
+  }
+  state.counters["rows"] = static_cast<double>(shown.size());
+}
+
+void BM_FloorSectionRowsDeleted(benchmark::State& state) {
+  auto& tree = loomworkTree(state.range(0));
+  const int64_t rows = tree.sections[0]->sorting->itemCount();
+  for (auto _ : state) {
+    auto start = Clock::now();
+    auto transform = UGMutableListTransform::transform();
+    auto& deletions = transform->mutableDeletions();
+    deletions.reserve(static_cast<size_t>(rows));
+    for (int64_t k = 0; k < rows; ++k) deletions.push_back(UGListTransformItem::itemWithIndexObject(k, std::nullopt));
+    benchmark::DoNotOptimize(transform->cardinalityChange());
+    transform = nullptr;
+    state.SetIterationTime(secondsSince(start));
+  }
+  state.counters["rows"] = static_cast<double>(rows);
 }
 
 #ifdef LOOMWORK_BENCH_GTK
@@ -489,6 +552,8 @@ BENCHMARK(BM_LoomworkDelete)->Apply(sizes);
 BENCHMARK(BM_LoomworkSortKeyChange)->Apply(sizes);
 BENCHMARK(BM_LoomworkHideSection)->Apply(sizes);
 BENCHMARK(BM_LoomworkShowSection)->Apply(sizes);
+BENCHMARK(BM_FloorShownRowsMoved)->Apply(sizes);
+BENCHMARK(BM_FloorSectionRowsDeleted)->Apply(sizes);
 #ifdef LOOMWORK_BENCH_GTK
 BENCHMARK(BM_GtkBuild)->Apply(sizes)->Iterations(3)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_GtkInsert)->Apply(sizes);
