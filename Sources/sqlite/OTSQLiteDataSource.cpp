@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "loomwork/additions/PropertyListAdditions.h"
 #include "loomwork/platform/Log.h"
@@ -29,7 +30,8 @@ CREATE TABLE IF NOT EXISTS components(
   data BLOB NOT NULL,
   pending INTEGER NOT NULL DEFAULT 0);
 CREATE INDEX IF NOT EXISTS components_from_c ON components(from_c, from_s);
-CREATE INDEX IF NOT EXISTS components_from_s ON components(from_s, from_c);
+DROP INDEX IF EXISTS components_from_s;
+CREATE INDEX IF NOT EXISTS components_from_s_c ON components(from_s, from_c DESC);
 CREATE INDEX IF NOT EXISTS components_to ON components(to_c, to_s);
 CREATE INDEX IF NOT EXISTS components_pending ON components(id) WHERE pending = 1;
 )sql";
@@ -124,17 +126,29 @@ class OTSQLiteDataSource::Database {
       throw OTSQLiteError("OTSQLiteDataSource: cannot open " + path + ": " + message);
     }
     try {
+      // Small pages keep the frames a commit appends to the log small; the
+      // exclusive lock keeps the log's index in memory and saves the file
+      // locks of every transaction.
+      execute("PRAGMA page_size=1024");
+      execute("PRAGMA locking_mode=EXCLUSIVE");
       execute("PRAGMA journal_mode=WAL");
       execute("PRAGMA synchronous=NORMAL");
+      execute("PRAGMA wal_autocheckpoint=8192");
       execute(kSchema);
+      begin_ = std::make_unique<Statement>(db_, "BEGIN IMMEDIATE");
+      commit_ = std::make_unique<Statement>(db_, "COMMIT");
     } catch (...) {
       statements_.clear();
+      begin_.reset();
+      commit_.reset();
       sqlite3_close_v2(db_);
       throw;
     }
   }
   ~Database() {
     statements_.clear();
+    begin_.reset();
+    commit_.reset();
     // An open transaction is rolled back by closing.
     sqlite3_close_v2(db_);
   }
@@ -171,9 +185,98 @@ class OTSQLiteDataSource::Database {
 
   sqlite3* handle() const { return db_; }
 
+  void begin() { begin_->reset().run(); }
+  // Writes the values held back for the transaction, then commits.
+  void commit() {
+    for (auto& [key, bytes] : heldBack_) writeValue(key, bytes);
+    heldBack_.clear();
+    commit_->reset().run();
+  }
+
+  // MARK: Controller values
+  //
+  // Values read or written are remembered (nothing else writes the file while
+  // it is open). Inside a controller transaction a write is held back until
+  // the commit, so a value set many times in one transaction is written
+  // once; reads see it at once. The bytes are made at the call, so a value
+  // that cannot be stored fails there.
+
+  std::optional<Value> value(std::string_view key) {
+    if (auto it = values_.find(key); it != values_.end()) return it->second;
+    Statement& select = statement("SELECT value FROM metadata WHERE key = ?");
+    std::optional<Value> value;
+    if (select.bind(key).step()) {
+      value = decode(select.blob(0));
+      select.reset();
+    }
+    values_.emplace(std::string(key), value);
+    return value;
+  }
+
+  void setValue(std::string_view key, const std::optional<Value>& value, bool holdBack) {
+    std::optional<Data> bytes;
+    if (value) bytes = encode(*value);
+    if (holdBack) {
+      heldBack_.insert_or_assign(std::string(key), std::move(bytes));
+    } else {
+      writeValue(key, bytes);
+      if (auto it = heldBack_.find(key); it != heldBack_.end()) heldBack_.erase(it);
+    }
+    values_.insert_or_assign(std::string(key), value);
+  }
+
+  void removeAllValues() {
+    values_.clear();
+    heldBack_.clear();
+    statement("DELETE FROM metadata").run();
+  }
+
+  // MARK: Components read before
+  //
+  // The components stored or received through this data source, as read
+  // objects by unique identifier, so that a range query hands out copies
+  // instead of reading the bytes again. Entries leave with their rows; the
+  // number kept is bounded.
+
+  Ref<OTPathComponent> known(std::string_view uid) const {
+    auto it = known_.find(uid);
+    return it == known_.end() ? nullptr : it->second;
+  }
+  void remember(std::string_view uid, Ref<OTPathComponent> component) {
+    if (auto it = known_.find(uid); it != known_.end()) {
+      it->second = std::move(component);
+    } else if (known_.size() < kKnownLimit) {
+      known_.emplace(std::string(uid), std::move(component));
+    }
+  }
+  void forget(std::string_view uid) {
+    if (auto it = known_.find(uid); it != known_.end()) known_.erase(it);
+  }
+  void forgetAll() { known_.clear(); }
+
  private:
+  struct Hash {
+    using is_transparent = void;
+    size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+  };
+  template <class T>
+  using Map = std::unordered_map<std::string, T, Hash, std::equal_to<>>;
+  static constexpr size_t kKnownLimit = 4096;
+
+  void writeValue(std::string_view key, const std::optional<Data>& bytes) {
+    if (!bytes) {
+      statement("DELETE FROM metadata WHERE key = ?").bind(key).run();
+    } else {
+      statement("INSERT OR REPLACE INTO metadata(key, value) VALUES(?, ?)").bind(key).bind(*bytes).run();
+    }
+  }
+
   sqlite3* db_ = nullptr;
   std::unordered_map<std::string, std::unique_ptr<Statement>> statements_;
+  std::unique_ptr<Statement> begin_, commit_;
+  Map<std::optional<Value>> values_;
+  Map<std::optional<Data>> heldBack_;
+  Map<Ref<OTPathComponent>> known_;
 };
 
 // The SQL condition for "the state in columns (s, c) lies in the range", with
@@ -187,12 +290,10 @@ struct OTSQLiteDataSource::Where {
   void add(const OTRange& range, const char* s, const char* c) {
     if (const auto* box = dynamic_cast<const OTElementaryRange*>(&range)) {
       sql += "(";
-      sql += c;
-      sql += " BETWEEN ? AND ? AND ";
-      sql += s;
-      sql += " BETWEEN ? AND ?)";
-      parameters.insert(parameters.end(),
-                        {box->minClientIndex(), box->maxClientIndex(), box->minServerIndex(), box->maxServerIndex()});
+      interval(c, box->minClientIndex(), box->maxClientIndex());
+      sql += " AND ";
+      interval(s, box->minServerIndex(), box->maxServerIndex());
+      sql += ")";
     } else if (const auto* compound = dynamic_cast<const OTCompoundRange*>(&range)) {
       const bool isUnion = compound->type() == OTCompoundRangeTypeUnion;
       if (!isUnion && compound->type() != OTCompoundRangeTypeIntersection) {
@@ -219,6 +320,20 @@ struct OTSQLiteDataSource::Where {
       exact = false;
     }
   }
+
+ private:
+  // A single value is written as an equality, which tells the planner which
+  // index fits a line of the state space.
+  void interval(const char* column, int64_t min, int64_t max) {
+    sql += column;
+    if (min == max) {
+      sql += " = ?";
+      parameters.push_back(min);
+    } else {
+      sql += " BETWEEN ? AND ?";
+      parameters.insert(parameters.end(), {min, max});
+    }
+  }
 };
 
 // MARK: OTSQLiteDataSource
@@ -229,26 +344,18 @@ OTSQLiteDataSource::OTSQLiteDataSource(const std::string& path)
 OTSQLiteDataSource::~OTSQLiteDataSource() { delete database_; }
 
 std::optional<Value> OTSQLiteDataSource::OTSyncControllerValueForKey(OTSyncController&, std::string_view key) {
-  Statement& select = database_->statement("SELECT value FROM metadata WHERE key = ?");
-  if (!select.bind(key).step()) return std::nullopt;
-  std::optional<Value> value = decode(select.blob(0));
-  select.reset();
-  return value;
+  return database_->value(key);
 }
 
 void OTSQLiteDataSource::OTSyncControllerSetValueForKey(OTSyncController&, const std::optional<Value>& value,
                                                         std::string_view key) {
-  if (!value) {
-    database_->statement("DELETE FROM metadata WHERE key = ?").bind(key).run();
-    return;
-  }
-  const Data bytes = encode(*value);
-  database_->statement("INSERT OR REPLACE INTO metadata(key, value) VALUES(?, ?)").bind(key).bind(bytes).run();
+  database_->setValue(key, value, inTransaction_);
 }
 
 void OTSQLiteDataSource::removeAllMetadataForOTSyncController(OTSyncController&) {
+  database_->forgetAll();
   database_->atomically([&] {
-    database_->statement("DELETE FROM metadata").run();
+    database_->removeAllValues();
     database_->statement("DELETE FROM components").run();
   });
 }
@@ -262,11 +369,12 @@ void OTSQLiteDataSource::OTSyncControllerRecordPathComponentEnqueueForTransfer(O
                                   " cannot be written as a property list");
   const OTState& from = *component->fromState();
   const OTState& to = *component->toState();
+  const std::string uid = component->uniqueIdentifier();
   database_
       ->statement(
           "INSERT INTO components(uid, from_s, from_c, to_s, to_c, data, pending) VALUES(?, ?, ?, ?, ?, ?, ?) "
           "ON CONFLICT(uid) DO UPDATE SET data = excluded.data, pending = max(pending, excluded.pending)")
-      .bind(component->uniqueIdentifier())
+      .bind(uid)
       .bind(from.serverIndex())
       .bind(from.clientIndex())
       .bind(to.serverIndex())
@@ -274,6 +382,7 @@ void OTSQLiteDataSource::OTSyncControllerRecordPathComponentEnqueueForTransfer(O
       .bind(*bytes)
       .bind(int64_t{enqueueForTransfer ? 1 : 0})
       .run();
+  database_->remember(uid, component->copy());
 }
 
 std::vector<Ref<OTPathComponent>> OTSQLiteDataSource::OTSyncControllerPathComponentsInRange(OTSyncController&,
@@ -288,6 +397,10 @@ std::vector<Ref<OTPathComponent>> OTSQLiteDataSource::OTSyncControllerPathCompon
       if (test && !(range.containsState(OTState(select.integer(2), select.integer(3))) &&
                     range.containsState(OTState(select.integer(4), select.integer(5)))))
         continue;
+      if (Ref<OTPathComponent> known = database_->known(select.text(0))) {
+        components.push_back(known->copy());
+        continue;
+      }
       Ref<OTPathComponent> component = OTPathComponent::initWithData(select.blob(1));
       if (!component || !component->fromState() || !component->toState()) {
         logMessage("OTSQLiteDataSource: skipped the stored path component " + std::string(select.text(0)) +
@@ -314,51 +427,46 @@ void OTSQLiteDataSource::OTSyncControllerRemovePathComponentsNotInRange(OTSyncCo
   where.sql += " OR ";
   where.add(range, "to_s", "to_c");
   if (where.exact) {
-    Statement& remove = database_->statement("DELETE FROM components WHERE NOT (" + where.sql + ")");
+    Statement& remove =
+        database_->statement("DELETE FROM components WHERE NOT (" + where.sql + ") RETURNING uid");
     for (int64_t parameter : where.parameters) remove.bind(parameter);
-    remove.run();
+    while (remove.step()) database_->forget(remove.text(0));
     return;
   }
-  std::vector<int64_t> doomed;
-  Statement& select = database_->statement("SELECT id, from_s, from_c, to_s, to_c FROM components");
+  std::vector<std::pair<int64_t, std::string>> doomed;
+  Statement& select = database_->statement("SELECT id, from_s, from_c, to_s, to_c, uid FROM components");
   while (select.step())
     if (!range.containsState(OTState(select.integer(1), select.integer(2))) &&
         !range.containsState(OTState(select.integer(3), select.integer(4))))
-      doomed.push_back(select.integer(0));
+      doomed.emplace_back(select.integer(0), std::string(select.text(5)));
   database_->atomically([&] {
-    for (int64_t id : doomed) database_->statement("DELETE FROM components WHERE id = ?").bind(id).run();
+    for (const auto& [id, uid] : doomed) {
+      database_->statement("DELETE FROM components WHERE id = ?").bind(id).run();
+      database_->forget(uid);
+    }
   });
 }
 
 std::optional<OTState> OTSQLiteDataSource::claimedRemoteStateForSyncController(OTSyncController&) {
-  Statement& select = database_->statement("SELECT value FROM metadata WHERE key = ?");
-  if (!select.bind(kClaimedRemoteStateKey).step()) return std::nullopt;
-  std::optional<Value> value = decode(select.blob(0));
-  select.reset();
+  const std::optional<Value> value = database_->value(kClaimedRemoteStateKey);
   return value ? OTState::initWithExtendedPropertyList(*value) : std::nullopt;
 }
 
 void OTSQLiteDataSource::setClaimedRemoteState(const std::optional<OTState>& state) {
-  if (!state) {
-    database_->statement("DELETE FROM metadata WHERE key = ?").bind(kClaimedRemoteStateKey).run();
-    return;
-  }
-  const Data bytes = encode(state->extendedPropertyListRepresentation());
-  database_->statement("INSERT OR REPLACE INTO metadata(key, value) VALUES(?, ?)")
-      .bind(kClaimedRemoteStateKey)
-      .bind(bytes)
-      .run();
+  std::optional<Value> value;
+  if (state) value = state->extendedPropertyListRepresentation();
+  database_->setValue(kClaimedRemoteStateKey, value, inTransaction_);
 }
 
 void OTSQLiteDataSource::beginTransactionForOTSyncController(OTSyncController&) {
-  database_->execute("BEGIN IMMEDIATE");
+  database_->begin();
   inTransaction_ = true;
 }
 
 void OTSQLiteDataSource::endTransactionForOTSyncController(OTSyncController&) {
   if (!inTransaction_) return;
   inTransaction_ = false;
-  database_->execute("COMMIT");
+  database_->commit();
 }
 
 std::optional<OTState>
@@ -400,23 +508,24 @@ void OTSQLiteDataSource::acknowledgeTransfer(std::string_view uniqueIdentifier) 
 
 bool OTSQLiteDataSource::receivePathComponentData(std::span<const uint8_t> data) {
   Ref<OTPathComponent> component = OTPathComponent::initWithData(data);
-  return component && receive(*component, data);
+  return component && receive(component, data);
 }
 
-bool OTSQLiteDataSource::receivePathComponent(const OTPathComponent& component) { return receive(component, {}); }
+bool OTSQLiteDataSource::receivePathComponent(const OTPathComponent& component) {
+  return receive(component.copy(), {});
+}
 
-// `data` is the component's byte form when the caller has it already.
-bool OTSQLiteDataSource::receive(const OTPathComponent& component, std::span<const uint8_t> data) {
+// `data` is the component's byte form when the caller has it already. The
+// component is kept as read, so it must not be shared.
+bool OTSQLiteDataSource::receive(const Ref<OTPathComponent>& stored, std::span<const uint8_t> data) {
+  const OTPathComponent& component = *stored;
   if (!component.fromState() || !component.toState() || !component.stateSpaceIdentifier() ||
       !component.stateSpaceIdentifier()->fullIdentifier() || !component.operation())
     return false;
   const OTState& from = *component.fromState();
   const OTState& to = *component.toState();
   if (to.serverIndex() < from.serverIndex() || to.clientIndex() < from.clientIndex() || to == from) return false;
-  Statement& select = database_->statement("SELECT value FROM metadata WHERE key = ?");
-  if (!select.bind(kOTSyncControllerStateSpaceIdentifier).step()) return false;
-  const std::optional<Value> identifier = decode(select.blob(0));
-  select.reset();
+  const std::optional<Value> identifier = database_->value(kOTSyncControllerStateSpaceIdentifier);
   if (!identifier || !identifier->isString() ||
       identifier->string() != *component.stateSpaceIdentifier()->fullIdentifier())
     return false;
@@ -437,6 +546,7 @@ bool OTSQLiteDataSource::receive(const OTPathComponent& component, std::span<con
       .bind(to.clientIndex())
       .bind(data)
       .run();
+  if (sqlite3_changes(database_->handle()) > 0) database_->remember(component.uniqueIdentifier(), stored);
   return true;
 }
 

@@ -38,12 +38,19 @@ class OTSQLiteError : public std::runtime_error {
 // integration calls, and moves components between devices with
 // pendingTransfers(), acknowledgeTransfer() and receivePathComponentData().
 //
-// Durability: the database runs in WAL mode. A controller transaction is one
-// SQL transaction (BEGIN IMMEDIATE .. COMMIT); everything the host writes
-// through setHostValueForKey() inside it belongs to it. A committed
-// transaction survives a killed process; one cut off (the process dies, or
-// the data source is destroyed before the end) leaves nothing of itself.
-// Calls made outside a controller transaction are each atomic on their own.
+// Durability: the database runs in WAL mode with synchronous=NORMAL. A
+// controller transaction is one SQL transaction (BEGIN IMMEDIATE .. COMMIT);
+// everything the host writes through setHostValueForKey() inside it belongs
+// to it. A committed transaction survives a killed process (its log frames
+// are written before the commit returns); only a power loss or an operating
+// system crash may lose the last commits, never the database itself. One cut
+// off (the process dies, or the data source is destroyed before the end)
+// leaves nothing of itself. Calls made outside a controller transaction are
+// each atomic on their own.
+//
+// The file is held with an exclusive lock while the data source is open:
+// another connection, or a second data source on the same file, cannot use it
+// until this one is destroyed.
 //
 // A component lies in a range when both of its states do; it is kept by
 // OTSyncControllerRemovePathComponentsNotInRange() when either of its states
@@ -136,7 +143,7 @@ class OTSQLiteDataSource : public OTSyncControllerDataSource {
  private:
   class Statement;
   class Database;
-  bool receive(const OTPathComponent& component, std::span<const uint8_t> data);
+  bool receive(const Ref<OTPathComponent>& component, std::span<const uint8_t> data);
   struct Where;
   Database* database_;
   bool inTransaction_ = false;
