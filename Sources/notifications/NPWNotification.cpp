@@ -4,6 +4,17 @@
 
 namespace loomwork {
 
+namespace {
+
+// The transaction's key as the map's key type, made once: every segment asks
+// for the transaction in every pass.
+const std::string& graphTransactionKey() {
+  static const std::string key(GraphTransactionNotificationKey);
+  return key;
+}
+
+}  // namespace
+
 NPWComposing::~NPWComposing() = default;
 
 bool NPWComposeObjectWith(const Value& held, const Value& later) {
@@ -29,7 +40,7 @@ Ref<NPWNotification> NPWNotification::notificationWithObjectForKey(Value object,
 
 Ref<NPWNotification> NPWNotification::notificationWithGraphTransaction(const Ref<UGMutableTransaction>& transaction) {
   auto notification = make<NPWNotification>();
-  if (transaction) notification->setNotificationObjectForKey(Value(transaction), GraphTransactionNotificationKey);
+  if (transaction) notification->objects_.insert_or_assign(graphTransactionKey(), Value(transaction));
   return notification;
 }
 
@@ -69,7 +80,7 @@ void NPWNotification::composeWith(const NPWNotification& later) {
 }
 
 Ref<UGMutableTransaction> NPWNotification::graphTransaction() {
-  auto held = objects_.find(std::string(GraphTransactionNotificationKey));
+  auto held = objects_.find(graphTransactionKey());
   if (held != objects_.end()) {
     if (auto transaction = held->second.objectAs<UGMutableTransaction>()) return transaction;
   }
@@ -78,7 +89,7 @@ Ref<UGMutableTransaction> NPWNotification::graphTransaction() {
     if (auto plain = held->second.objectAs<UGTransaction>()) transaction = plain->mutableCopy();
   }
   if (!transaction) transaction = UGMutableTransaction::transaction();
-  setNotificationObjectForKey(Value(transaction), GraphTransactionNotificationKey);
+  objects_.insert_or_assign(graphTransactionKey(), Value(transaction));
   return transaction;
 }
 
