@@ -4,6 +4,7 @@
 
 #include "loomwork/listtransform/ListTransformArrayOperations.h"
 #include "loomwork/platform/Exception.h"
+#include "segments/SGMappingAlgorithms.h"
 
 namespace loomwork {
 
@@ -178,49 +179,6 @@ NPWSuccessors SGGroupSegment::nextNodesForNotification(NPWNotification&) {
   return successors;
 }
 
-namespace {
-
-// Appends copies of `items` to `deletions` and `insertions` with the offsets
-// added, linking the copies of every move again (a recorded move carries its
-// deletion half's object in both halves). False, with the arrays left partly
-// filled, when an index would not come after the last one already there or a
-// move half's partner is not among the other array's items.
-bool appendShifted(const UGListTransform& items, int64_t deletionOffset, int64_t insertionOffset,
-                   UGListTransformItemArray& deletions, UGListTransformItemArray& insertions) {
-  const auto& sourceDeletions = items.deletions();
-  const size_t firstDeletion = deletions.size();
-  size_t links = 0;
-  int64_t last = deletions.empty() ? -1 : deletions.back()->index();
-  for (const auto& item : sourceDeletions) {
-    const int64_t index = item->index() + deletionOffset;
-    if (index <= last) return false;
-    deletions.push_back(UGListTransformItem::itemWithIndexObject(index, item->object()));
-    links += item->hasMoveLink() ? 1 : 0;
-    last = index;
-  }
-  auto byIndex = [](const Ref<UGListTransformItem>& item, int64_t index) { return item->index() < index; };
-  last = insertions.empty() ? -1 : insertions.back()->index();
-  for (const auto& item : items.insertions()) {
-    const int64_t index = item->index() + insertionOffset;
-    if (index <= last) return false;
-    last = index;
-    const UGListTransformItem* partner = item->moveLinkItem();
-    if (partner == nullptr) {
-      insertions.push_back(UGListTransformItem::itemWithIndexObject(index, item->object()));
-      continue;
-    }
-    auto at = std::lower_bound(sourceDeletions.begin(), sourceDeletions.end(), partner->index(), byIndex);
-    if (at == sourceDeletions.end() || at->get() != partner || links == 0) return false;
-    --links;
-    UGListTransformItem* deletion = deletions[firstDeletion + static_cast<size_t>(at - sourceDeletions.begin())].get();
-    insertions.push_back(UGListTransformItem::itemWithIndexObject(index, deletion->object()));
-    insertions.back()->establishMoveLinkToItem(deletion);
-  }
-  return links == 0;
-}
-
-}  // namespace
-
 void SGGroupSegment::willExitNodeWithNotification(NPWNotification& notification) {
   auto result = UGMutableListTransform::transform();
   std::vector<int64_t> counts;
@@ -256,8 +214,8 @@ void SGGroupSegment::willExitNodeWithNotification(NPWNotification& notification)
     bool laidOut = true;
     for (size_t j = 0; laidOut && j < segments_.size(); ++j) {
       if (Ref<UGListTransform> items = itemsOf(segments_[j])) {
-        laidOut = appendShifted(*items, oldStart(static_cast<int64_t>(j)), newStarts[j], result->mutableDeletions(),
-                                result->mutableInsertions());
+        laidOut = sgdetail::appendShiftedChanges(*items, oldStart(static_cast<int64_t>(j)), newStarts[j],
+                                                 result->mutableDeletions(), result->mutableInsertions());
       }
     }
     if (laidOut) {

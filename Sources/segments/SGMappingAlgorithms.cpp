@@ -246,6 +246,40 @@ Ref<UGMutableListTransform> filterFollowInnerTransform(Mapping& mapping, const U
   return result;
 }
 
+bool appendShiftedChanges(const UGListTransform& items, int64_t deletionOffset, int64_t insertionOffset,
+                          UGListTransformItemArray& deletions, UGListTransformItemArray& insertions) {
+  const auto& sourceDeletions = items.deletions();
+  const size_t firstDeletion = deletions.size();
+  size_t links = 0;
+  int64_t last = deletions.empty() ? -1 : deletions.back()->index();
+  for (const auto& item : sourceDeletions) {
+    const int64_t index = item->index() + deletionOffset;
+    if (index <= last) return false;
+    deletions.push_back(UGListTransformItem::itemWithIndexObject(index, item->object()));
+    links += item->hasMoveLink() ? 1 : 0;
+    last = index;
+  }
+  auto byIndex = [](const Ref<UGListTransformItem>& item, int64_t index) { return item->index() < index; };
+  last = insertions.empty() ? -1 : insertions.back()->index();
+  for (const auto& item : items.insertions()) {
+    const int64_t index = item->index() + insertionOffset;
+    if (index <= last) return false;
+    last = index;
+    const UGListTransformItem* partner = item->moveLinkItem();
+    if (partner == nullptr) {
+      insertions.push_back(UGListTransformItem::itemWithIndexObject(index, item->object()));
+      continue;
+    }
+    auto at = std::lower_bound(sourceDeletions.begin(), sourceDeletions.end(), partner->index(), byIndex);
+    if (at == sourceDeletions.end() || at->get() != partner || links == 0) return false;
+    --links;
+    UGListTransformItem* deletion = deletions[firstDeletion + static_cast<size_t>(at - sourceDeletions.begin())].get();
+    insertions.push_back(UGListTransformItem::itemWithIndexObject(index, deletion->object()));
+    insertions.back()->establishMoveLinkToItem(deletion);
+  }
+  return links == 0;
+}
+
 Ref<UGMutableListTransform> filterDifference(const Mapping& from, const Mapping& to) {
   auto result = UGMutableListTransform::transform();
   auto& deletions = result->mutableDeletions();

@@ -52,6 +52,16 @@ Ref<UGMutableListTransform> filterFollowInnerTransformLiterally(Mapping& mapping
                                                                 const KeepBlock& keep,
                                                                 const RepresentedBlock& represented);
 
+// The group's exit-hook step for a child whose place did not change: appends
+// copies of `items` to `deletions` and `insertions` with the offsets added,
+// linking the copies of every move again (a recorded move carries its deletion
+// half's object in both halves), which is what recording the offset changes
+// one by one gives while every index comes after the last one there. False,
+// with the arrays left partly filled, when one would not or a move half's
+// partner is not among the other array's items.
+bool appendShiftedChanges(const UGListTransform& items, int64_t deletionOffset, int64_t insertionOffset,
+                          UGListTransformItemArray& deletions, UGListTransformItemArray& insertions);
+
 // The filter's full recompute: the mapping of every inner index that passes
 // `keep`, and the difference from the old mapping as deletions at old
 // positions and insertions at new ones, compared by inner index only.

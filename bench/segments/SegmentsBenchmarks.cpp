@@ -138,8 +138,7 @@ BenchRecord& recordOf(const Value& value) { return *static_cast<BenchRecord*>(va
 // Whether the notification changes a sort key of a record that `owners` places
 // in `section`: the application knows which section shows which record, and
 // re-sorts only the section whose record changed.
-bool updatesSortKeyIn(NPWNotification& notification, const std::unordered_map<std::string, int>& owners,
-                      int section) {
+bool updatesSortKeyIn(NPWNotification& notification, const std::unordered_map<std::string, int>& owners, int section) {
   auto transaction = notification.graphTransaction();
   for (const std::string& uuid : *transaction) {
     auto owner = owners.find(uuid);
