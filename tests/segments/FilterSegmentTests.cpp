@@ -168,7 +168,9 @@ TEST(FilterMappingAlgorithms, LayingChildChangesSideBySideMatchesRecordingThemOn
       newStart += count + items->cardinalityChange();
     }
     ASSERT_EQ(laidOut, fits);
-    if (laidOut) ASSERT_EQ(describeItems(*laid), describeItems(*recorded));
+    if (laidOut) {
+      ASSERT_EQ(describeItems(*laid), describeItems(*recorded));
+    }
   }
 }
 
