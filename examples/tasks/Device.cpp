@@ -2,8 +2,9 @@
 // edits, the controller's processing, the SQLite file and the socket. The
 // wire protocol after a connection opens:
 //   client -> server  Hello "<client device> <pairing or ->"
-//   server -> client  Hello "<pairing>", after making a new pairing when the
-//                     client's is not the server's current one
+//   server -> client  Hello "<pairing>": the client's own when it is the
+//                     server's current one; else the current one when no
+//                     other client holds it; else a new one
 //   then both ways    Component / Acknowledgement / Claim, and Seed from the
 //                     server.
 // Anything else (a frame before the hellos, a frame that does not decode, a
@@ -27,6 +28,8 @@ namespace {
 
 constexpr std::string_view kModelPrefix = "m/";
 constexpr std::string_view kDeviceKey = "device";
+// On the server: the device identifier of the client its pairing was given to.
+constexpr std::string_view kPairingHolderKey = "pairingHolder";
 // The server offers a replacement seed to a client this many of its own steps
 // behind.
 constexpr int64_t kSeedOfferGap = 512;
@@ -191,6 +194,13 @@ struct Device::Impl {
       store->setHostValueForKey(Value(deviceIdentifier), kDeviceKey);
     }
     model.replace(*store->storedModel());
+    // A server pairs in advance, before any client asks, so that the seed of
+    // its whole content is ready when the first client connects.
+    if (isServer() && !paired())
+      controller->performTransaction([&] {
+        controller->resetIfNeededAndSeedUsingStateSpaceIdentifier(freshIdentifier());
+        store->setHostValueForKey(std::nullopt, kPairingHolderKey);
+      });
     if (isServer()) {
       port = options.port;
       listen();
@@ -456,18 +466,32 @@ struct Device::Impl {
     return hostile("an unknown message");
   }
 
+  static Ref<OTStateSpaceIdentifier> freshIdentifier() {
+    return OTStateSpaceIdentifier::stateSpaceIdentifierWithServerIdentifierClientIdentifier(
+        OTStateSpaceIdentifier::randomDeviceIdentifier(), OTStateSpaceIdentifier::randomDeviceIdentifier());
+  }
+
   bool serverHello(const ConnectionRef& connection, const std::string& text) {
     const auto space = text.find(' ');
     if (space == std::string::npos) return close(connection, "a malformed hello"), false;
     const std::string client = text.substr(0, space), claimedPairing = text.substr(space + 1);
     if (!isIdentifierText(client) || (claimedPairing != "-" && claimedPairing.size() > 130))
       return close(connection, "a malformed hello"), false;
-    if (!paired() || claimedPairing != pairing()) {
-      // A new pairing: a fresh server part makes components of any earlier
-      // pairing with this client foreign to it.
-      auto identifier = OTStateSpaceIdentifier::stateSpaceIdentifierWithServerIdentifierClientIdentifier(
-          OTStateSpaceIdentifier::randomDeviceIdentifier(), client);
-      controller->performTransaction([&] { controller->resetIfNeededAndSeedUsingStateSpaceIdentifier(identifier); });
+    const auto holder = store->hostValueForKey(kPairingHolderKey);
+    const bool held = holder && holder->isString();
+    if (paired() && claimedPairing == pairing()) {
+      // The client that holds the pairing, back again.
+    } else if (paired() && (!held || holder->string() == client)) {
+      // The pairing made in advance (or handed to this client before it
+      // could store it) goes to this client.
+      store->setHostValueForKey(Value(client), kPairingHolderKey);
+    } else {
+      // Another client: a new pairing, so that its components and the old
+      // client's are foreign to each other.
+      controller->performTransaction([&] {
+        controller->resetIfNeededAndSeedUsingStateSpaceIdentifier(freshIdentifier());
+        store->setHostValueForKey(Value(client), kPairingHolderKey);
+      });
     }
     if (peer && peer != connection) close(peer, "replaced by a newer connection");
     peer = connection;
@@ -482,7 +506,7 @@ struct Device::Impl {
   bool clientHello(const ConnectionRef& connection, const std::string& text) {
     auto identifier = OTStateSpaceIdentifier::stateSpaceIdentifierWithFullIdentifier(text);
     if (text.size() > 130 || !identifier->serverIdentifier() || !isIdentifierText(*identifier->serverIdentifier()) ||
-        identifier->clientIdentifier() != deviceIdentifier)
+        !identifier->clientIdentifier() || !isIdentifierText(*identifier->clientIdentifier()))
       return close(connection, "a malformed hello"), false;
     if (!paired() || text != pairing())
       controller->performTransaction([&] { controller->resetIfNeededAndSeedUsingStateSpaceIdentifier(identifier); });

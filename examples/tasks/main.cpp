@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <thread>
@@ -30,7 +31,7 @@ namespace {
 constexpr const char* kUsage = R"(usage:
   loomwork-tasks serve --db FILE --port N [--batch]    the server device, listening on 127.0.0.1:N
   loomwork-tasks connect --db FILE HOST:PORT [--batch] the client device
-  loomwork-tasks inspect --db FILE --svg OUT.svg       draw a device's state space
+  loomwork-tasks inspect --db FILE --svg OUT.svg       draw a stopped device's state space
   loomwork-tasks demo                                  a scripted session of two devices
   loomwork-tasks --help | --version
 
@@ -154,6 +155,10 @@ int main(int argc, char** argv) {
   }
   if (command == "inspect") {
     if (svg.empty()) return usageError("inspect needs --svg OUT.svg");
+    if (!std::filesystem::exists(options.databasePath)) {
+      std::fprintf(stderr, "loomwork-tasks: no file %s\n", options.databasePath.c_str());
+      return 1;
+    }
     try {
       const std::string picture = stateSpaceSVG(options.databasePath);
       std::ofstream out(svg, std::ios::binary);
