@@ -28,7 +28,7 @@ using namespace loomwork::tasks;
 
 namespace {
 
-constexpr const char* kUsage = R"(usage:
+constexpr const char* kUsageCommands = R"(usage:
   loomwork-tasks serve --db FILE --port N [--batch]    the server device, listening on 127.0.0.1:N
   loomwork-tasks connect --db FILE HOST:PORT [--batch] the client device
   loomwork-tasks inspect --db FILE --svg OUT.svg       draw a stopped device's state space
@@ -36,11 +36,15 @@ constexpr const char* kUsage = R"(usage:
   loomwork-tasks --help | --version
 
 On a terminal, serve and connect show the task lists; keys:
-  a add a task          e edit the task's title   n edit its notes    d set its due day
-  space complete/reopen m move it to the next list x delete it        L add a list
-  h show/hide done      / search                  o go offline/online q quit
-  up/down select
+)";
 
+#ifdef LOOMWORK_TASKS_SCREEN
+const char* const kKeys = kScreenKeysHelp;
+#else
+const char* const kKeys = "  (this build has no screen)\n";
+#endif
+
+constexpr const char* kUsageBatch = R"(
 With --batch, or when stdin is not a terminal, they read one command per line
 and answer each with lines ending in one "ok ..." or "error ..." line:
   list NAME | add LIST TITLE... [YYYY-MM-DD] | edit TASK FIELD=VALUE...
@@ -49,8 +53,10 @@ and answer each with lines ending in one "ok ..." or "error ..." line:
   wait-quiet [SECONDS] | quit
 )";
 
+std::string usage() { return std::string(kUsageCommands) + kKeys + kUsageBatch; }
+
 int usageError(const std::string& message) {
-  std::fprintf(stderr, "loomwork-tasks: %s\n%s", message.c_str(), kUsage);
+  std::fprintf(stderr, "loomwork-tasks: %s\n%s", message.c_str(), usage().c_str());
   return 2;
 }
 
@@ -102,7 +108,7 @@ int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
   if (args.empty()) return usageError("a command is needed");
   if (args[0] == "--help" || args[0] == "-h") {
-    std::fputs(kUsage, stdout);
+    std::fputs(usage().c_str(), stdout);
     return 0;
   }
   if (args[0] == "--version") {
