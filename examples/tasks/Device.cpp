@@ -14,6 +14,7 @@
 #include "Device.h"
 
 #include <concepts>
+#include <cstdlib>
 #include <deque>
 #include <set>
 
@@ -210,11 +211,24 @@ struct Device::Impl {
     tick();
   }
 
+  // A storage failure inside a controller transaction leaves it open (the
+  // controller ends nothing on the way out) and the model ahead of the file:
+  // nothing later could commit. The process stops; the file rolls back to its
+  // last commit and a restart goes on from there.
+  [[noreturn]] static void fail(const std::exception& error) {
+    logMessage(std::string("loomwork-tasks: storage failed, stopping: ") + error.what());
+    std::_Exit(1);
+  }
+
   void commit(const UGTransaction& transaction) {
-    controller->performTransaction([&] {
-      store->persist(model.apply(transaction));
-      controller->stageLocalOperation(transaction);
-    });
+    try {
+      controller->performTransaction([&] {
+        store->persist(model.apply(transaction));
+        controller->stageLocalOperation(transaction);
+      });
+    } catch (const std::exception& error) {
+      fail(error);
+    }
     if (peer) flush(peer);
     notifyStatus();
   }
@@ -234,8 +248,7 @@ struct Device::Impl {
       try {
         controller->performTransaction([&] { controller->processInternalStateAllowingHostUpdate(true); });
       } catch (const std::exception& error) {
-        logMessage(std::string("loomwork-tasks: processing failed: ") + error.what());
-        break;
+        fail(error);
       }
       if (controller->currentState() == before) break;
     }
@@ -388,7 +401,16 @@ struct Device::Impl {
           std::vector<Frame> frames;
           const bool good = connection->reader.feed(std::span(connection->buffer.data(), length), frames);
           for (auto& frame : frames) {
-            if (!handle(connection, frame)) return;
+            try {
+              if (!handle(connection, frame)) return;
+            } catch (const std::exception& error) {
+              // The store refused a write (a full disk, say). Outside a
+              // controller transaction each write is whole or absent and the
+              // peer resends what was not acknowledged.
+              if (controller->transactionCount() > 0) fail(error);
+              close(connection, std::string("storing failed: ") + error.what());
+              return;
+            }
           }
           if (!good) {
             close(connection, connection->reader.error());

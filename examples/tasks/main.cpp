@@ -90,7 +90,14 @@ int runDevice(DeviceOptions options, bool batch) {
     asio::post(context, [&session] { session.endOfInput(); });
   });
   reader.detach();
-  context.run();
+  for (;;) {
+    try {
+      context.run();
+      break;
+    } catch (const std::exception& error) {
+      logMessage(std::string("loomwork-tasks: ") + error.what());
+    }
+  }
   std::fflush(stdout);
   // The reader may still wait on stdin; leave without unwinding it.
   std::_Exit(0);
