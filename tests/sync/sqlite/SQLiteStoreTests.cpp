@@ -80,15 +80,19 @@ TEST(SQLiteStore, AnswersAsTheMemoryStorageOnRandomHistories) {
     auto memory = std::make_shared<Bare<MemoryStorage>>();
     OTSyncController controller(OTSyncControllerTypeServer);
     auto both = [&](auto change) { change(*sqlite), change(*memory); };
-    both([&](auto& s) {
-      s.OTSyncControllerSetValueForKey(controller, Value("SERVER-CLIENT"), kOTSyncControllerStateSpaceIdentifier);
-    });
+    auto identify = [&] {
+      both([&](auto& s) {
+        s.OTSyncControllerSetValueForKey(controller, Value("SERVER-CLIENT"), kOTSyncControllerStateSpaceIdentifier);
+      });
+    };
+    identify();
+    bool inTransaction = false;
     for (int step = 0; step < 60; ++step) {
       const std::string where = "seed " + std::to_string(seed) + " run " + std::to_string(run) + " step " +
                                 std::to_string(step);
       const OTState from(uniform(0, 5), uniform(0, 5));
       const OTState to(from.serverIndex() + uniform(0, 1), from.clientIndex() + uniform(0, 1));
-      switch (uniform(0, 5)) {
+      switch (uniform(0, 7)) {
         case 0:
         case 1: {
           const bool enqueue = uniform(0, 1);
@@ -118,13 +122,42 @@ TEST(SQLiteStore, AnswersAsTheMemoryStorageOnRandomHistories) {
           }
           break;
         }
+        case 5:
+          // Values written inside a transaction are read back at once.
+          both([&](auto& s) {
+            inTransaction ? s.endTransactionForOTSyncController(controller)
+                          : s.beginTransactionForOTSyncController(controller);
+          });
+          inTransaction = !inTransaction;
+          break;
+        case 6: {
+          const std::string key = uniform(0, 1) ? "a" : "b";
+          const std::optional<Value> value = uniform(0, 3) ? std::optional<Value>(Value(step)) : std::nullopt;
+          const OTState claimed(step, uniform(0, 5));
+          both([&](auto& s) {
+            s.OTSyncControllerSetValueForKey(controller, value, key);
+            s.setClaimedRemoteState(claimed);
+          });
+          break;
+        }
         default:
+          if (uniform(0, 5) == 0) {
+            both([&](auto& s) { s.removeAllMetadataForOTSyncController(controller); });
+            if (uniform(0, 1)) identify();
+          }
           break;
       }
+      for (const char* key : {"a", "b", kOTSyncControllerStateSpaceIdentifier.data()})
+        ASSERT_EQ(sqlite->OTSyncControllerValueForKey(controller, key), memory->OTSyncControllerValueForKey(controller, key))
+            << where << " " << key;
+      ASSERT_EQ(sqlite->claimedRemoteStateForSyncController(controller), memory->claimedRemoteStateForSyncController(controller))
+          << where;
       auto range = randomRange(rng);
-      ASSERT_EQ(identifiers(sqlite->OTSyncControllerPathComponentsInRange(controller, *range)),
-                identifiers(memory->OTSyncControllerPathComponentsInRange(controller, *range)))
+      auto found = sqlite->OTSyncControllerPathComponentsInRange(controller, *range);
+      ASSERT_EQ(identifiers(found), identifiers(memory->OTSyncControllerPathComponentsInRange(controller, *range)))
           << where << " " << range->description();
+      // What a query hands out is the caller's: changing it changes nothing stored.
+      for (const auto& c : found) c->reduceByPathComponent(*c);
       ASSERT_EQ(sqlite->stateWithLargestClientIndexPointedToByPathComponentWithLargestServerIndexForOTSyncController(controller),
                 memory->stateWithLargestClientIndexPointedToByPathComponentWithLargestServerIndexForOTSyncController(controller))
           << where;
@@ -133,6 +166,7 @@ TEST(SQLiteStore, AnswersAsTheMemoryStorageOnRandomHistories) {
           << where;
       ASSERT_EQ(sqlite->pathComponentCount(), memory->pathComponentCount()) << where;
     }
+    if (inTransaction) both([&](auto& s) { s.endTransactionForOTSyncController(controller); });
   }
 }
 
