@@ -502,18 +502,7 @@ class RowValidator {
   std::vector<size_t> subtreeEnd_;
 };
 
-// The unoptimised sanitizer build runs 120 of the 400 trees.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr uint64_t kTrees = 120;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr uint64_t kTrees = 120;
-#else
 constexpr uint64_t kTrees = 400;
-#endif
-#else
-constexpr uint64_t kTrees = 400;
-#endif
 
 uint64_t baseSeed() {
   if (const char* text = std::getenv("LOOMWORK_ROW_VALIDATOR_SEED")) return std::strtoull(text, nullptr, 10);
