@@ -176,8 +176,6 @@ TEST(SQLiteStore, KeepsValuesAndRefusesForeignComponents) {
   const Value nested = Value::dictionary({{"s", Value(2)}, {"n", Value::null()}, {"set", Value::set({Value(1)})}});
   store->OTSyncControllerSetValueForKey(controller, nested, "k");
   EXPECT_EQ(store->OTSyncControllerValueForKey(controller, "k"), nested);
-  store->OTSyncControllerSetValueForKey(controller, std::nullopt, "k");
-  EXPECT_FALSE(store->OTSyncControllerValueForKey(controller, "k"));
 
   // Nothing is received before the pairing is known, nor from another one.
   const Data bytes = *component({0, 0}, {0, 1}, 1)->data();
@@ -198,11 +196,7 @@ TEST(SQLiteStore, KeepsValuesAndRefusesForeignComponents) {
   store->setHostValueForKey(Value("a"), "e/1");
   store->setHostValueForKey(Value("b"), "e/2");
   store->setHostValueForKey(Value("c"), "f/1");
-  store->setClaimedRemoteState(OTState(3, 4));
-  EXPECT_EQ(store->claimedRemoteStateForSyncController(controller), OTState(3, 4));
   store->removeAllMetadataForOTSyncController(controller);
-  EXPECT_EQ(store->pathComponentCount(), 0u);
-  EXPECT_FALSE(store->claimedRemoteStateForSyncController(controller));
   EXPECT_EQ(store->hostValuesWithPrefix("e/").size(), 2u);
   EXPECT_THROW(store->setHostValueForKey(Value(make<Object>()), "o"), OTSQLiteError);
 }
