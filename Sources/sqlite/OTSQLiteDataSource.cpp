@@ -169,6 +169,7 @@ class OTSQLiteDataSource::Database {
 
   // A prepared statement, made once per text and kept.
   Statement& statement(const std::string& sql) {
+    noticeRollBack();
     auto it = statements_.find(sql);
     if (it == statements_.end()) it = statements_.emplace(sql, std::make_unique<Statement>(db_, sql)).first;
     return it->second->reset();
@@ -190,12 +191,29 @@ class OTSQLiteDataSource::Database {
 
   sqlite3* handle() const { return db_; }
 
-  void begin() { begin_->reset().run(); }
+  void begin() {
+    begin_->reset().run();
+    open_ = true;
+  }
   // Writes the values held back for the transaction, then commits.
   void commit() {
+    if (noticeRollBack()) throw OTSQLiteError("OTSQLiteDataSource: the transaction was rolled back after a failure");
     for (auto& [key, bytes] : heldBack_) writeValue(key, bytes);
     heldBack_.clear();
     commit_->reset().run();
+    open_ = false;
+  }
+
+  // SQLite rolls a transaction back by itself after some failures (a full
+  // disk, an I/O error). What is remembered or held back may then be ahead of
+  // the file: it is dropped. True when that happened.
+  bool noticeRollBack() {
+    if (!open_ || !sqlite3_get_autocommit(db_)) return false;
+    open_ = false;
+    values_.clear();
+    heldBack_.clear();
+    known_.clear();
+    return true;
   }
 
   // MARK: Controller values
@@ -207,6 +225,7 @@ class OTSQLiteDataSource::Database {
   // that cannot be stored fails there.
 
   std::optional<Value> value(std::string_view key) {
+    noticeRollBack();
     if (auto it = values_.find(key); it != values_.end()) return it->second;
     Statement& select = statement("SELECT value FROM metadata WHERE key = ?");
     std::optional<Value> value;
@@ -243,7 +262,8 @@ class OTSQLiteDataSource::Database {
   // instead of reading the bytes again. Entries leave with their rows; the
   // number kept is bounded.
 
-  Ref<OTPathComponent> known(std::string_view uid) const {
+  Ref<OTPathComponent> known(std::string_view uid) {
+    noticeRollBack();
     auto it = known_.find(uid);
     return it == known_.end() ? nullptr : it->second;
   }
@@ -282,6 +302,7 @@ class OTSQLiteDataSource::Database {
   Map<std::optional<Value>> values_;
   Map<std::optional<Data>> heldBack_;
   Map<Ref<OTPathComponent>> known_;
+  bool open_ = false;  // a transaction was begun and not yet committed
 };
 
 // The SQL condition for "the state in columns (s, c) lies in the range", with
