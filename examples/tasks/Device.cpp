@@ -16,12 +16,15 @@
 #include <concepts>
 #include <cstdlib>
 #include <deque>
+#include <filesystem>
 #include <set>
 
 #include "TaskMerge.h"
 #include "Wire.h"
 #include "loomwork/platform/Log.h"
 #include "loomwork/sqlite/OTSQLiteDataSource.h"
+
+#include <sqlite3.h>
 
 namespace loomwork::tasks {
 
@@ -182,7 +185,22 @@ struct Device::Impl {
 
   // MARK: Start and the model
 
+  // A new file is made with 4 KiB pages before the store opens it (the store
+  // keeps the page size a file has). A seed writes the whole model at once, a
+  // hundred thousand rows and a component of megabytes, and on smaller pages
+  // that takes several times longer.
+  static void createFileWithLargePages(const std::string& path) {
+    std::error_code error;
+    if (path.empty() || path == ":memory:" || std::filesystem::exists(path, error)) return;
+    sqlite3* database = nullptr;
+    if (sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) == SQLITE_OK)
+      sqlite3_exec(database, "PRAGMA page_size=4096; CREATE TABLE IF NOT EXISTS tasks_file(version INTEGER)", nullptr,
+                   nullptr, nullptr);
+    sqlite3_close(database);
+  }
+
   void start() {
+    createFileWithLargePages(options.databasePath);
     store = std::make_shared<Store>(options.databasePath, model);
     controller = make<OTSyncController>(isServer() ? OTSyncControllerTypeServer : OTSyncControllerTypeClient);
     controller->setDataSource(store);
