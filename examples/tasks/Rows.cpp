@@ -34,8 +34,6 @@ namespace loomwork::tasks {
 
 namespace {
 
-constexpr int64_t kNoDueKey = std::numeric_limits<int64_t>::max();
-
 struct Part;
 
 // What a list segment shows for a task. The sorting segment reads its keys
@@ -46,17 +44,25 @@ class TaskItem : public Object {
   std::optional<int64_t> due;
   bool done = false;
   Part* part = nullptr;  // where it is shown, or nowhere (no such list)
-  // The sort keys as values, made once per change: a re-sort reads them all.
-  Value uuidKey, titleKey;
+  // The sort key, made once per change because a re-sort reads every item's:
+  // the due day as fixed-width digits (none after every day), the title and
+  // the UUID, separated by NUL so that a title sorts before its extensions.
+  // Compared by code point, it orders by due day, then title, then UUID.
+  Value sortKey;
 
-  void setTitle(std::string text) {
-    title = std::move(text);
-    titleKey = Value(title);
+  void updateSortKey() {
+    char digits[24];
+    const auto biased = due ? static_cast<unsigned long long>(*due) + (1ull << 62) : ~0ull;
+    std::snprintf(digits, sizeof digits, "%020llu", biased);
+    std::string key = digits;
+    key += '\0';
+    key += title;
+    key += '\0';
+    key += uuid;
+    sortKey = Value(key);
   }
   std::optional<Value> valueForKey(std::string_view key) const override {
-    if (key == "dueKey") return Value(due.value_or(kNoDueKey));
-    if (key == "title") return titleKey;
-    if (key == "uuid") return uuidKey;
+    if (key == "sortKey") return sortKey;
     return Object::valueForKey(key);
   }
   Row row() const { return Row{uuid, list, title, due, done}; }
@@ -163,8 +169,7 @@ struct TaskRows::Impl {
         [this, &part](NPWNotification&, SGFilterSegment&) { return refilterAll || (part.retitle && !queryBlank); });
     part.filter->setInnerSegment(part.list);
     part.sorting = make<SGSortingSegment>();
-    part.sorting->setSortDescriptors(
-        std::vector<SortDescriptor>{SortDescriptor("dueKey"), SortDescriptor("title"), SortDescriptor("uuid")});
+    part.sorting->setSortDescriptors(std::vector<SortDescriptor>{SortDescriptor("sortKey")});
     part.sorting->setShouldSortBlock([&part](NPWNotification&) { return part.resort; });
     part.sorting->setInnerSegment(part.filter);
     part.top = part.sorting;
@@ -251,7 +256,6 @@ struct TaskRows::Impl {
     if (!slot) {
       slot = make<TaskItem>();
       slot->uuid = uuid;
-      slot->uuidKey = Value(uuid);
     }
     TaskItem& item = *slot;
     const std::string title = entity.string("title");
@@ -260,8 +264,9 @@ struct TaskRows::Impl {
     std::string list = entity.string("list");
     const bool titleChanged = title != item.title, dueChanged = due != item.due;
     const bool visibleChange = titleChanged || dueChanged || done != item.done || list != item.list;
-    if (titleChanged) item.setTitle(title);
+    item.title = title;
     item.due = due;
+    if (titleChanged || dueChanged || item.sortKey.isNull()) item.updateSortKey();
     item.done = done;
     item.list = std::move(list);
     Part* target = partFor(item);

@@ -101,6 +101,11 @@ bool TaskRows::replayTransform(std::vector<T>& rows, const UGListTransform& tran
     if (deletions.empty()) return;
     // Indexes are descending and each valid after the previous ones, so in
     // the list as it stood they are distinct and descending too.
+    if (deletions.size() < 8) {
+      for (size_t index : deletions) rows.erase(rows.begin() + static_cast<ptrdiff_t>(index));
+      deletions.clear();
+      return;
+    }
     std::vector<bool> gone(rows.size(), false);
     for (size_t index : deletions) gone[index] = true;
     size_t kept = 0;
