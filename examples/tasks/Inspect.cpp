@@ -106,15 +106,17 @@ std::string stateSpaceSVG(const std::string& databasePath) {
       svg += "<text x=\"" + number(left - 8) + "\" y=\"" + number(gy + 4) + "\" text-anchor=\"end\">" +
              std::to_string(c) + "</text>\n";
   }
-  // The components: along the server's axis, the client's, or across both
-  // (what a merge produced).
+  // The components: one step of the server or of the client, or several
+  // steps at once (what a merge or a composition produced: the remainders
+  // that bring each side to the merged state).
   for (const auto& component : components) {
     if (!component->fromState() || !component->toState()) continue;
     const OTState& from = *component->fromState();
     const OTState& to = *component->toState();
-    const char* colour = from.clientIndex() == to.clientIndex()   ? "#1f5fbf"
-                         : from.serverIndex() == to.serverIndex() ? "#2a9d3a"
-                                                                   : "#e07b00";
+    const int64_t steps = (to.serverIndex() - from.serverIndex()) + (to.clientIndex() - from.clientIndex());
+    const char* colour = steps != 1                               ? "#e07b00"
+                         : from.clientIndex() == to.clientIndex() ? "#1f5fbf"
+                                                                   : "#2a9d3a";
     svg += "<line x1=\"" + number(x(from)) + "\" y1=\"" + number(y(from)) + "\" x2=\"" + number(x(to)) + "\" y2=\"" +
            number(y(to)) + "\" stroke=\"" + colour + "\" stroke-width=\"2\" marker-end=\"url(#arrow)\"><title>" +
            escapeXML(component->pathDescription() + " " + std::to_string(component->operation() ? component->operation()->count() : 0) +
@@ -135,9 +137,9 @@ std::string stateSpaceSVG(const std::string& databasePath) {
            "\" y=\"" + number(ly + 4) + "\">" + escapeXML(text) + "</text>\n";
     ly += 20;
   };
-  legendLine("#1f5fbf", "server change");
-  legendLine("#2a9d3a", "client change");
-  legendLine("#e07b00", "merge remainder");
+  legendLine("#1f5fbf", "one server step");
+  legendLine("#2a9d3a", "one client step");
+  legendLine("#e07b00", "several steps (merged)");
   svg += "<circle cx=\"" + number(lx + 12) + "\" cy=\"" + number(ly) + "\" r=\"4.5\" fill=\"#d62828\"/><text x=\"" +
          number(lx + 32) + "\" y=\"" + number(ly + 4) + "\">current " +
          escapeXML(current ? current->description() : "-") + "</text>\n";
