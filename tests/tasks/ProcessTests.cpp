@@ -66,7 +66,7 @@ struct Pair {
       port = static_cast<unsigned short>(std::stoul(field(device[0]->readLine(10), "port")));
     } else {
       device[1] = std::make_unique<BatchProcess>(
-          std::vector<std::string>{LOOMWORK_TASKS_BINARY, "connect", "--batch", "--db", (dir / "client.db").string(),
+          std::vector<std::string>{LOOMWORK_TASKS_BINARY, "connect", "--batch", "--db", (dir / clientFile).string(),
                                    "127.0.0.1:" + std::to_string(port)},
           log);
       device[1]->readLine(10);
@@ -91,6 +91,7 @@ struct Pair {
   }
 
   fs::path dir;
+  std::string clientFile = "client.db";
   unsigned short port = 0;
   std::unique_ptr<BatchProcess> device[2];
 };
@@ -194,6 +195,53 @@ TEST(Devices, ConvergeAfterRandomKillsWithoutLosingConfirmedEdits) {
                                                 << task.confirmed.back();
     }
   }
+}
+
+// A second client on a fresh file takes the server over; the first, back
+// with an edit it made offline, pairs anew and nothing of the three devices'
+// edits is lost.
+TEST(Devices, AnotherClientTakesOverAndTheFirstPairsAgain) {
+  Scratch scratch;
+  Pair pair(scratch.dir);
+  pair.device[0]->expectOk("list L");
+  pair.device[0]->expectOk("add L shared");
+  ASSERT_FALSE(pair.settle().first.empty());
+  const std::string firstPairing = field(pair.device[1]->expectOk("status"), "pairing");
+  pair.device[1]->expectOk("offline");
+  pair.device[1]->expectOk("add L fromFirst");
+  pair.device[1]->kill();
+
+  pair.clientFile = "second.db";
+  pair.start(1);
+  pair.device[1]->expectOk("add L fromSecond");
+  const auto [server, second] = pair.settle();
+  ASSERT_EQ(server, second);
+  EXPECT_NE(field(pair.device[1]->expectOk("status"), "pairing"), firstPairing);
+  pair.device[1]->kill();
+
+  pair.clientFile = "client.db";
+  pair.start(1);
+  const auto [again, first] = pair.settle();
+  ASSERT_EQ(again, first);
+  std::set<std::string> held;
+  for (const auto& [uuid, title] : titles(again)) held.insert(title);
+  EXPECT_EQ(held, (std::set<std::string>{"shared", "fromFirst", "fromSecond"}));
+}
+
+// A client that comes back 600 server edits behind is also offered a
+// replacement seed; it ends where the server is, whichever way it takes.
+TEST(Devices, FarBehindClientCatchesUp) {
+  Scratch scratch;
+  Pair pair(scratch.dir);
+  pair.device[0]->expectOk("list L");
+  ASSERT_FALSE(pair.settle().first.empty());
+  pair.device[1]->expectOk("offline");
+  for (int i = 0; i < 600; ++i) pair.device[0]->send("add L t" + std::to_string(i));
+  for (int i = 0; i < 600; ++i) ASSERT_TRUE(pair.device[0]->readLine(30).starts_with("ok"));
+  pair.device[1]->expectOk("online");
+  const auto [server, client] = pair.settle();
+  ASSERT_EQ(server, client);
+  EXPECT_EQ(titles(server).size(), 600u);
 }
 
 // A raw connection to the server that sends `bytes` (then closes when
