@@ -89,7 +89,7 @@ class Screen : public LWURLDetectionOperationDelegate, public std::enable_shared
         signals_(context, SIGWINCH) {}
 
   int run() {
-    std::setlocale(LC_ALL, "");
+    std::setlocale(LC_CTYPE, "");  // multibyte text; numbers keep the C format
     initscr();
     cbreak();
     noecho();
