@@ -213,6 +213,7 @@ TEST(Devices, AnotherClientTakesOverAndTheFirstPairsAgain) {
 
   pair.clientFile = "second.db";
   pair.start(1);
+  ASSERT_FALSE(pair.settle().first.empty());
   pair.device[1]->expectOk("add L fromSecond");
   const auto [server, second] = pair.settle();
   ASSERT_EQ(server, second);
