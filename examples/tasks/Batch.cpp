@@ -58,7 +58,7 @@ std::string describeTasks(const TaskModel& model) {
 }
 
 std::string describeTransform(const UGListTransform& transform, const std::vector<Row>& before,
-                              const std::vector<Row>& after) {
+                              const std::vector<Row>& after, const std::vector<size_t>& refreshed) {
   auto title = [](const std::vector<Row>& rows, int64_t index) {
     return index >= 0 && static_cast<size_t>(index) < rows.size() ? " \"" + rows[static_cast<size_t>(index)].title + "\""
                                                                   : std::string();
@@ -73,6 +73,8 @@ std::string describeTransform(const UGListTransform& transform, const std::vecto
   }
   for (const auto& item : transform.insertions())
     if (!item->hasMoveLink()) add("insert " + std::to_string(item->index()) + title(after, item->index()));
+  for (size_t index : refreshed)
+    add("update " + std::to_string(index) + title(after, static_cast<int64_t>(index)));
   return text.empty() ? "no change" : text;
 }
 
@@ -82,7 +84,7 @@ BatchSession::BatchSession(asio::io_context& context, Device& device, TaskRows& 
       timer_(context) {
   rows_.setTransformObserver([this](const Ref<UGListTransform>& transform, const std::vector<Row>& before,
                                     const std::vector<Row>& after) {
-    if (transforms_) output_("~ " + describeTransform(*transform, before, after) + "\n");
+    if (transforms_) output_("~ " + describeTransform(*transform, before, after, rows_.refreshedRows()) + "\n");
   });
 }
 

@@ -37,10 +37,10 @@ std::string formatDay(int64_t day);
 std::string describeTasks(const TaskModel& model);
 
 // One line for a change of the rows: "delete 3 "title", move 4->1 "title",
-// insert 2 "title"" (indexes before the change for deletions and moves,
-// after it for insertions).
+// insert 2 "title", update 0 "title"" (indexes before the change for
+// deletions and moves, after it for insertions and rows changed in place).
 std::string describeTransform(const UGListTransform& transform, const std::vector<Row>& before,
-                              const std::vector<Row>& after);
+                              const std::vector<Row>& after, const std::vector<size_t>& refreshed = {});
 
 class BatchSession {
  public:
