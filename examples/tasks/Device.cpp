@@ -37,6 +37,9 @@ constexpr std::string_view kPairingHolderKey = "pairingHolder";
 // The server offers a replacement seed to a client this many of its own steps
 // behind.
 constexpr int64_t kSeedOfferGap = 512;
+// Open connections a server keeps at once (one client, and strangers until
+// they say something wrong).
+constexpr size_t kMaxConnections = 8;
 // Frames at least this long report their arrival in SyncStatus::seedProgress.
 constexpr size_t kProgressThreshold = 256 * 1024;
 
@@ -324,7 +327,13 @@ struct Device::Impl {
     auto connection = std::make_shared<Connection>(context);
     acceptor->async_accept(connection->socket, guarded([this, connection](const asio::error_code& error) {
       if (error == asio::error::operation_aborted || !acceptor) return;
-      if (!error) opened(connection);
+      if (!error && connections.size() >= kMaxConnections) {
+        logMessage("loomwork-tasks: refusing a connection: " + std::to_string(kMaxConnections) + " are open");
+        asio::error_code ignored;
+        connection->socket.close(ignored);
+      } else if (!error) {
+        opened(connection);
+      }
       accept();
     }));
   }
