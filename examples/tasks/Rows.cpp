@@ -145,6 +145,7 @@ struct TaskRows::Impl {
   bool inPass = false;
   std::vector<ModelChange> queued;
   TransformObserver observer;
+  bool keepsRowsBefore = true;
   std::function<void(const std::string&)> errorObserver;
   size_t errors = 0;
 
@@ -420,24 +421,32 @@ struct TaskRows::Impl {
     if (!touched.empty()) {
       std::vector<bool> fresh(rows.size(), false);
       for (size_t index : inserted) fresh[index] = true;
-      std::unordered_map<std::string_view, TaskItem*> byTask;
-      for (TaskItem* item : touched) byTask.emplace(item->uuid, item);
-      size_t left = byTask.size();
-      for (size_t i = 0; i < rows.size() && left > 0; ++i) {
-        auto it = byTask.find(rows[i].task);
-        if (it == byTask.end()) continue;
-        --left;
-        if (!fresh[i]) {
-          rows[i] = it->second->row();
-          refreshed.push_back(i);
+      for (TaskItem* item : touched) {
+        if (!item->part) continue;
+        // Up from the task's place in its container to the root's rows.
+        const Array& array = item->part->container->array();
+        auto at = std::find_if(array.begin(), array.end(), [&](const Value& v) { return v.tryObject() == item; });
+        if (at == array.end()) continue;
+        const int64_t index = item->part->list->transformIndexToAncestorSegment(at - array.begin(), root.get());
+        if (index == NotFound) continue;  // filtered out or hidden
+        const auto row = static_cast<size_t>(index);
+        if (row >= rows.size() || rows[row].task != item->uuid) {
+          report("the rows do not hold task " + item->uuid + " where the segments show it");
+          continue;
+        }
+        if (!fresh[row]) {
+          rows[row] = item->row();
+          refreshed.push_back(row);
         }
       }
+      std::sort(refreshed.begin(), refreshed.end());
       touched.clear();
     }
 #ifndef NDEBUG
     if (std::string why; !verifyRows(&why)) report("rows differ from the root's after the pass: " + why);
 #endif
     if (!observer || (transform->isIdentity() && refreshed.empty())) return;
+    if (!keepsRowsBefore) return observer(transform, previous, rows);
     observer(transform, previous, rows);
     // Bring the observer's copy along by the same steps.
     std::vector<size_t> again;
@@ -518,7 +527,12 @@ const std::string& TaskRows::search() const { return impl_->query; }
 
 void TaskRows::setTransformObserver(TransformObserver observer) {
   impl_->observer = std::move(observer);
-  impl_->previous = impl_->rows;
+  impl_->previous = impl_->keepsRowsBefore ? impl_->rows : std::vector<Row>();
+}
+
+void TaskRows::setKeepsRowsBefore(bool keeps) {
+  impl_->keepsRowsBefore = keeps;
+  impl_->previous = keeps ? impl_->rows : std::vector<Row>();
 }
 
 std::string TaskRows::describe() const {

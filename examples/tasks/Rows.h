@@ -56,6 +56,10 @@ class TaskRows {
   using TransformObserver =
       std::function<void(const Ref<UGListTransform>&, const std::vector<Row>& before, const std::vector<Row>& after)>;
   void setTransformObserver(TransformObserver observer);
+  // Whether the observer gets the rows before each pass (the default). An
+  // observer that keeps its own copy turns it off: `before` is then empty,
+  // and the rows are not followed twice on every pass.
+  void setKeepsRowsBefore(bool keeps);
 
   // The rows as text, one line each, under "== <list name>" section lines.
   std::string describe() const;

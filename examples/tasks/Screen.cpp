@@ -103,6 +103,7 @@ class Screen : public LWURLDetectionOperationDelegate, public std::enable_shared
     LWURLDetectionOperation::setMainThreadDispatcher(
         [&context = context_](std::function<void()> task) { asio::post(context, std::move(task)); });
     lines_ = rows_.rows();
+    rows_.setKeepsRowsBefore(false);
     rows_.setTransformObserver([this](const Ref<UGListTransform>& transform, const std::vector<Row>&,
                                       const std::vector<Row>& after) { followTransform(*transform, after); });
     rows_.setErrorObserver([this](const std::string& message) { showMessage("rows: " + message); });
