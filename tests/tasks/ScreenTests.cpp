@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <regex>
 #include <string>
 #include <thread>
@@ -255,6 +256,9 @@ TEST(TaskScreen, TypedTaskShowsOnTheOtherDevice) {
   char scratch[] = "/tmp/loomwork-screen-XXXXXX";
   ASSERT_NE(mkdtemp(scratch), nullptr);
   const std::string dir = scratch;
+  // Removed after both devices are gone, also when an assertion fails.
+  std::unique_ptr<const std::string, void (*)(const std::string*)> cleanup(
+      &dir, [](const std::string* path) { std::filesystem::remove_all(*path); });
   Device server({LOOMWORK_TASKS_BINARY, "serve", "--db", dir + "/s.db", "--port", "0"});
   std::smatch port;
   ASSERT_TRUE(server.waitFor([&](const Terminal& t) {
@@ -303,7 +307,6 @@ TEST(TaskScreen, TypedTaskShowsOnTheOtherDevice) {
 
   server.type("q");
   client.type("q");
-  std::filesystem::remove_all(dir);
 }
 
 }  // namespace
