@@ -119,7 +119,7 @@ class OTSQLiteDataSource::Statement {
 
 class OTSQLiteDataSource::Database {
  public:
-  explicit Database(const std::string& path) {
+  Database(const std::string& path, const OTSQLiteDataSource::Options& options) {
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
     if (sqlite3_open_v2(path.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
       std::string message = db_ ? sqlite3_errmsg(db_) : "out of memory";
@@ -130,8 +130,8 @@ class OTSQLiteDataSource::Database {
       // Small pages keep the frames a commit appends to the log small; the
       // exclusive lock keeps the log's index in memory and saves the file
       // locks of every transaction.
-      execute("PRAGMA page_size=1024");
-      execute("PRAGMA locking_mode=EXCLUSIVE");
+      execute(("PRAGMA page_size=" + std::to_string(options.pageSize)).c_str());
+      if (options.exclusive) execute("PRAGMA locking_mode=EXCLUSIVE");
       execute("PRAGMA journal_mode=WAL");
       execute("PRAGMA synchronous=NORMAL");
       execute("PRAGMA wal_autocheckpoint=8192");
@@ -364,8 +364,12 @@ struct OTSQLiteDataSource::Where {
 
 // MARK: OTSQLiteDataSource
 
-OTSQLiteDataSource::OTSQLiteDataSource(const std::string& path)
-    : database_(new Database(path.empty() ? std::string(":memory:") : path)) {}
+OTSQLiteDataSource::OTSQLiteDataSource(const std::string& path) : OTSQLiteDataSource(path, Options()) {}
+
+OTSQLiteDataSource::OTSQLiteDataSource(const std::string& path, const Options& options)
+    : database_(new Database(path.empty() ? std::string(":memory:") : path, options)) {}
+
+sqlite3* OTSQLiteDataSource::connection() { return database_->handle(); }
 
 OTSQLiteDataSource::~OTSQLiteDataSource() { delete database_; }
 

@@ -18,6 +18,8 @@
 #include "loomwork/sync/OTState.h"
 #include "loomwork/sync/OTSyncControllerDataSource.h"
 
+struct sqlite3;
+
 #pragma GCC visibility push(default)
 namespace loomwork {
 
@@ -48,9 +50,10 @@ class OTSQLiteError : public std::runtime_error {
 // leaves nothing of itself. Calls made outside a controller transaction are
 // each atomic on their own.
 //
-// The file is held with an exclusive lock while the data source is open:
-// another connection, or a second data source on the same file, cannot use it
-// until this one is destroyed.
+// By default the file is held with an exclusive lock while the data source is
+// open: another connection, or a second data source on the same file, cannot
+// use it until this one is destroyed. Options::exclusive = false shares it
+// (each transaction then takes the file locks, which makes commits slower).
 //
 // A component lies in a range when both of its states do; it is kept by
 // OTSyncControllerRemovePathComponentsNotInRange() when either of its states
@@ -65,6 +68,17 @@ class OTSQLiteDataSource : public OTSyncControllerDataSource {
   // private database in memory. Throws OTSQLiteError when the file cannot be
   // opened or is not a database this class can use.
   explicit OTSQLiteDataSource(const std::string& path);
+
+  struct Options {
+    // Hold the file with an exclusive lock while open.
+    bool exclusive = true;
+    // The page size of a new file (an existing file keeps its own). Small
+    // pages keep the log frames of a commit small when the file holds little
+    // besides components; a host that keeps tables of its own in the file
+    // does better with 4096.
+    int pageSize = 1024;
+  };
+  OTSQLiteDataSource(const std::string& path, const Options& options);
   // Closes the database; a controller transaction still open is rolled back.
   ~OTSQLiteDataSource() override;
   OTSQLiteDataSource(const OTSQLiteDataSource&) = delete;
@@ -131,6 +145,15 @@ class OTSQLiteDataSource : public OTSyncControllerDataSource {
   void setHostValueForKey(const std::optional<Value>& value, std::string_view key);
   // Every host value whose key starts with `prefix`, by key.
   std::vector<std::pair<std::string, Value>> hostValuesWithPrefix(std::string_view prefix);
+
+  // The database connection, for a host that keeps tables of its own in the
+  // same file, so that its model and the controller's state commit together:
+  // statements run on it inside a controller transaction belong to that
+  // transaction, and outside one each is atomic on its own. The host must not
+  // begin, commit or roll back transactions on it, close it, or touch this
+  // class's tables ("metadata", "host_values", "components"); give its own
+  // tables names of its own.
+  sqlite3* connection();
 
   // MARK: Inspection
 

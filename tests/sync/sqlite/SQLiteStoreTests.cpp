@@ -231,7 +231,12 @@ TEST(SQLiteStore, UnreadableStoredComponentIsSkippedWithALogLine) {
   EXPECT_THROW(Bare<OTSQLiteDataSource> refused(garbage.string()), OTSQLiteError);
 }
 
-// A controller transaction is all or nothing across a process that is killed.
+void execute(OTSQLiteDataSource& store, const std::string& sql) {
+  ASSERT_EQ(sqlite3_exec(store.connection(), sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sql;
+}
+
+// A controller transaction is all or nothing across a process that is killed,
+// with what the host wrote in it: its values and rows of its own tables.
 TEST(SQLiteStore, CommittedTransactionsSurviveAKilledProcess) {
   const auto path = temporaryFile("killed.sqlite");
   const pid_t child = fork();
@@ -242,12 +247,15 @@ TEST(SQLiteStore, CommittedTransactionsSurviveAKilledProcess) {
     controller->setDataSource(store);
     controller->restoreInternalState();
     controller->resetIfNeededAndSeedUsingStateSpaceIdentifier(kIdentifier);
+    execute(*store, "CREATE TABLE model(name TEXT)");
     controller->performTransaction([&] {
       store->setHostValueForKey(Value("kept"), "e/1");
+      execute(*store, "INSERT INTO model VALUES('kept')");
       controller->stageLocalOperation(*component({0, 0}, {0, 1}, 1)->operation());
     });
     controller->beginTransaction();
     store->setHostValueForKey(Value("lost"), "e/2");
+    execute(*store, "INSERT INTO model VALUES('lost')");
     controller->stageLocalOperation(*component({0, 1}, {0, 2}, 2)->operation());
     ::kill(::getpid(), SIGKILL);
   }
@@ -263,6 +271,27 @@ TEST(SQLiteStore, CommittedTransactionsSurviveAKilledProcess) {
   EXPECT_FALSE(store->hostValueForKey("e/2"));
   EXPECT_EQ(store->pathComponentCount(), 1u);
   EXPECT_EQ(store->pendingTransfers().size(), 1u);
+  sqlite3_stmt* rows = nullptr;
+  ASSERT_EQ(sqlite3_prepare_v2(store->connection(), "SELECT group_concat(name) FROM model", -1, &rows, nullptr),
+            SQLITE_OK);
+  ASSERT_EQ(sqlite3_step(rows), SQLITE_ROW);
+  EXPECT_STREQ(reinterpret_cast<const char*>(sqlite3_column_text(rows, 0)), "kept");
+  sqlite3_finalize(rows);
+
+  // Held exclusively, the file cannot be read beside the store; shared, it can.
+  auto readable = [&] {
+    sqlite3* other = nullptr;
+    sqlite3_open(path.c_str(), &other);
+    const int result = sqlite3_exec(other, "SELECT count(*) FROM model", nullptr, nullptr, nullptr);
+    sqlite3_close(other);
+    return result == SQLITE_OK;
+  };
+  EXPECT_FALSE(readable());
+  store.reset();
+  controller.reset();
+  auto shared = std::make_shared<Bare<OTSQLiteDataSource>>(path.string(), OTSQLiteDataSource::Options{false, 4096});
+  EXPECT_EQ(shared->hostValueForKey("e/1"), Value("kept"));
+  EXPECT_TRUE(readable());
 }
 
 TEST(SQLiteStore, SimulationConvergesOnDatabaseFiles) {
