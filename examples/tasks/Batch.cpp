@@ -80,7 +80,7 @@ std::string describeTransform(const UGListTransform& transform, const std::vecto
 
 BatchSession::BatchSession(asio::io_context& context, Device& device, TaskRows& rows,
                            std::function<void(const std::string&)> output, std::function<void()> finished)
-    : context_(context), device_(device), rows_(rows), output_(std::move(output)), finished_(std::move(finished)),
+    : device_(device), rows_(rows), output_(std::move(output)), finished_(std::move(finished)),
       timer_(context) {
   rows_.setTransformObserver([this](const Ref<UGListTransform>& transform, const std::vector<Row>& before,
                                     const std::vector<Row>& after) {

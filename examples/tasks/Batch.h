@@ -60,7 +60,6 @@ class BatchSession {
   const Entity* findTask(const std::string& key, std::string& uuid) const;
   std::optional<std::string> findList(const std::string& name) const;
 
-  asio::io_context& context_;
   Device& device_;
   TaskRows& rows_;
   std::function<void(const std::string&)> output_;
