@@ -260,13 +260,16 @@ TEST(TaskScreen, TypedTaskShowsOnTheOtherDevice) {
   std::unique_ptr<const std::string, void (*)(const std::string*)> cleanup(
       &dir, [](const std::string* path) { std::filesystem::remove_all(*path); });
   Device server({LOOMWORK_TASKS_BINARY, "serve", "--db", dir + "/s.db", "--port", "0"});
-  std::smatch port;
+  std::string port;
   ASSERT_TRUE(server.waitFor([&](const Terminal& t) {
     static const std::regex pattern("server on port ([0-9]+)");
     const std::string header = t.line(0);
-    return std::regex_search(header, port, pattern) && port[1] != "0";
+    std::smatch found;
+    if (!std::regex_search(header, found, pattern) || found[1] == "0") return false;
+    port = found[1].str();
+    return true;
   })) << server.screen().text();
-  const std::string address = "127.0.0.1:" + port[1].str();
+  const std::string address = "127.0.0.1:" + port;
   Device client({LOOMWORK_TASKS_BINARY, "connect", "--db", dir + "/c.db", address});
   ASSERT_TRUE(client.waitForText(" online  connected")) << client.screen().text();
 
