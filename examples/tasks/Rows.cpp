@@ -130,6 +130,11 @@ struct TaskRows::Impl {
   std::unordered_map<std::string, ListInfo> lists;
   std::vector<std::shared_ptr<SectionParts>> shown;    // the root's children, in order
   std::vector<std::shared_ptr<SectionParts>> dropped;  // kept alive until the pass ends
+  // Sections of lists deleted in the running change, which lists created in
+  // the same change take over (a whole-model replacement swaps every list):
+  // their rows then leave and arrive through the parts' containers, instead
+  // of whole sections leaving and joining the root.
+  std::vector<std::shared_ptr<SectionParts>> spare;
   bool sectionsChanged = false;
 
   std::vector<Row> rows, previous;  // previous: the rows as the observer last saw them
@@ -240,11 +245,22 @@ struct TaskRows::Impl {
     if (!info.section) return;
     for (Part* part : {&info.section->open, &info.section->done})
       for (const Value& value : part->container->array()) itemOf(value).part = nullptr;
-    dropped.push_back(std::move(info.section));
+    spare.push_back(std::move(info.section));
+  }
+
+  // Gives a new list a spare section, its old tasks leaving it.
+  void adoptSpare(const std::string& uuid, ListInfo& info) {
+    if (info.section || spare.empty()) return;
+    info.section = std::move(spare.back());
+    spare.pop_back();
+    info.section->list = uuid;
+    for (Part* part : {&info.section->open, &info.section->done})
+      for (const Value& value : part->container->array()) part->leaving.push_back(&itemOf(value));
   }
 
   void noteList(const std::string& uuid, const Entity& entity) {
     ListInfo& info = lists[uuid];
+    adoptSpare(uuid, info);
     std::string name = entity.string("name");
     double order = entity.real("order");
     if (!info.section || info.name != name || info.order != order) sectionsChanged = true;
@@ -350,6 +366,8 @@ struct TaskRows::Impl {
     // Lists first, so tasks find the lists of the same transaction.
     for (const auto& uuid : change.inserted) current(uuid, listOnly, skip);
     for (const auto& [uuid, old] : change.updated) current(uuid, listOnly, skip);
+    for (auto& section : spare) dropped.push_back(std::move(section));
+    spare.clear();
     for (const auto& [uuid, old] : change.deleted)
       if (old.kind == kTaskKind) forgetTask(uuid);
     for (const auto& uuid : change.inserted) current(uuid, skip, taskOnly);

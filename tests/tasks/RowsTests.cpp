@@ -131,6 +131,24 @@ TEST(TaskRows, FollowRandomTransactionsTogglesAndSearches) {
         rows.setSearch(queries[pick(7)]);
       } else if (what == 2) {
         model.replace(*model.contentTransaction());
+      } else if (what == 3) {
+        // Lists swapped for new ones in one change, as a replacement from
+        // another device does: some tasks follow, others stay behind.
+        auto lists = uuidsOfKind(model, kListKind);
+        auto swap = UGMutableTransaction::transaction();
+        std::vector<std::string> created;
+        for (size_t n = 1 + pick(2); n > 0 && !lists.empty(); --n) {
+          auto old = lists[pick(lists.size())];
+          swap->appendTransaction(*TaskModel::remove(old, kListKind));
+          auto [list, create] = TaskModel::createList(words[pick(8)], static_cast<double>(pick(4)));
+          swap->appendTransaction(*create);
+          created.push_back(list);
+          for (const auto& [uuid, task] : model.entities())
+            if (task.kind == kTaskKind && task.string("list") == old && pick(3))
+              swap->appendTransaction(*TaskModel::update(uuid, kTaskKind, {{"list", Value(list)}}));
+        }
+        for (const auto& list : created) swap->appendTransaction(*TaskModel::createTask(list, title()).second);
+        model.apply(*swap);
       } else {
         auto transaction = oneChange();
         for (size_t more = pick(4); more > 0; --more)
