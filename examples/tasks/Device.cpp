@@ -61,7 +61,11 @@ Value entityValue(const Entity& entity) {
 // model change commit together.
 class Store final : public OTSQLiteDataSource {
  public:
-  Store(const std::string& path, TaskModel& model) : OTSQLiteDataSource(path), model_(model) {}
+  // A new file gets 4 KiB pages: a seed writes the whole model at once, a
+  // hundred thousand rows and a component of megabytes, and on smaller pages
+  // that takes several times longer.
+  Store(const std::string& path, TaskModel& model)
+      : OTSQLiteDataSource(path, Options{.exclusive = true, .pageSize = 4096}), model_(model) {}
 
   Ref<OTPathComponent> receivedSeed;
   bool queueChanged = true;  // something was queued since pendingTransfers() was last read
@@ -188,22 +192,7 @@ struct Device::Impl {
 
   // MARK: Start and the model
 
-  // A new file is made with 4 KiB pages before the store opens it (the store
-  // keeps the page size a file has). A seed writes the whole model at once, a
-  // hundred thousand rows and a component of megabytes, and on smaller pages
-  // that takes several times longer.
-  static void createFileWithLargePages(const std::string& path) {
-    std::error_code error;
-    if (path.empty() || path == ":memory:" || std::filesystem::exists(path, error)) return;
-    sqlite3* database = nullptr;
-    if (sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) == SQLITE_OK)
-      sqlite3_exec(database, "PRAGMA page_size=4096; CREATE TABLE IF NOT EXISTS tasks_file(version INTEGER)", nullptr,
-                   nullptr, nullptr);
-    sqlite3_close(database);
-  }
-
   void start() {
-    createFileWithLargePages(options.databasePath);
     store = std::make_shared<Store>(options.databasePath, model);
     controller = make<OTSyncController>(isServer() ? OTSyncControllerTypeServer : OTSyncControllerTypeClient);
     controller->setDataSource(store);
