@@ -49,6 +49,7 @@ class TaskItem : public Object {
   // the UUID, separated by NUL so that a title sorts before its extensions.
   // Compared by code point, it orders by due day, then title, then UUID.
   Value sortKey;
+  std::string keyText;  // the same key as a string, for comparing with neighbours
 
   void updateSortKey() {
     char digits[24];
@@ -60,6 +61,7 @@ class TaskItem : public Object {
     key += '\0';
     key += uuid;
     sortKey = Value(key);
+    keyText = std::move(key);
   }
   std::optional<Value> valueForKey(std::string_view key) const override {
     if (key == "sortKey") return sortKey;
@@ -81,6 +83,7 @@ struct Part {
   // Pending for the running pass.
   Ref<UGMutableListTransform> change;
   std::vector<TaskItem*> leaving, arriving;
+  std::vector<TaskItem*> rekeyed;  // staying, with a new sort key
   bool resort = false, retitle = false;
 };
 
@@ -281,7 +284,7 @@ struct TaskRows::Impl {
     std::string list = entity.string("list");
     const bool titleChanged = title != item.title, dueChanged = due != item.due;
     const bool visibleChange = titleChanged || dueChanged || done != item.done || list != item.list;
-    item.title = title;
+    const std::string oldTitle = std::exchange(item.title, title);
     item.due = due;
     if (titleChanged || dueChanged || item.sortKey.isNull()) item.updateSortKey();
     item.done = done;
@@ -289,8 +292,10 @@ struct TaskRows::Impl {
     Part* target = partFor(item);
     if (target == item.part) {
       if (target && (titleChanged || dueChanged)) {
-        target->resort = true;
-        target->retitle |= titleChanged;
+        target->rekeyed.push_back(&item);
+        // Only a change of the search's verdict needs the filter.
+        if (titleChanged && !queryBlank && (scorer->score(oldTitle) > 0) != (scorer->score(item.title) > 0))
+          target->retitle = true;
       }
       if (target && visibleChange) touched.insert(&item);
       return;
@@ -312,9 +317,51 @@ struct TaskRows::Impl {
     tasks.erase(it);
   }
 
+  // Whether the tasks with new sort keys still sit between their neighbours
+  // in the part's sorted order, which is then sorted as a whole: every
+  // neighbouring pair that involves a changed task is compared with both
+  // current keys. Read before the container changes.
+  static bool stillSorted(Part& part) {
+    const Array& array = part.container->array();
+    std::unordered_map<const Object*, size_t> at;
+    if (part.rekeyed.size() > 1)
+      for (size_t i = 0; i < array.size(); ++i) at.emplace(array[i].tryObject(), i);
+    const int64_t count = part.sorting->itemCount();
+    auto keyAt = [&](int64_t index) -> const std::string* {
+      auto object = part.sorting->representedObjectAtIndex(index);
+      return object && object->isObject() ? &itemOf(*object).keyText : nullptr;
+    };
+    for (TaskItem* item : part.rekeyed) {
+      size_t index = array.size();
+      if (part.rekeyed.size() > 1) {
+        if (auto it = at.find(item); it != at.end()) index = it->second;
+      } else {
+        auto found = std::find_if(array.begin(), array.end(), [&](const Value& v) { return v.tryObject() == item; });
+        index = static_cast<size_t>(found - array.begin());
+      }
+      if (index >= array.size()) return false;
+      const int64_t sorted =
+          part.list->transformIndexToAncestorSegment(static_cast<int64_t>(index), part.sorting.get());
+      if (sorted == NotFound) continue;  // filtered out: not in the sorted order
+      if (sorted > 0) {
+        const std::string* before = keyAt(sorted - 1);
+        if (!before || !(*before < item->keyText)) return false;
+      }
+      if (sorted + 1 < count) {
+        const std::string* after = keyAt(sorted + 1);
+        if (!after || !(item->keyText < *after)) return false;
+      }
+    }
+    return true;
+  }
+
   // The container's changes as one transform: deletions at old indexes, then
   // the arrivals appended at the end.
   static void settleContainer(Part& part) {
+    if (!part.rekeyed.empty()) {
+      part.resort |= !part.leaving.empty() || !stillSorted(part);
+      part.rekeyed.clear();
+    }
     if (part.leaving.empty() && part.arriving.empty()) return;
     auto change = UGMutableListTransform::transform();
     Array& array = part.container->mutableArray();
