@@ -88,7 +88,8 @@ void EditToRemoteRow(benchmark::State& state) {
   int serial = 0;
   for (auto _ : state) {
     const auto start = Clock::now();
-    server->send("add L task" + std::to_string(++serial) + " 2026-12-0" + std::to_string(1 + serial % 9));
+    ++serial;
+    server->send("add L task" + std::to_string(serial) + " 2026-12-0" + std::to_string(1 + serial % 9));
     client->readTransform(10);
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     state.SetIterationTime(seconds);
