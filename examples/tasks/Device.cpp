@@ -13,6 +13,7 @@
 // call is atomic on its own.
 #include "Device.h"
 
+#include <algorithm>
 #include <concepts>
 #include <cstdlib>
 #include <deque>
@@ -21,6 +22,7 @@
 
 #include "TaskMerge.h"
 #include "Wire.h"
+#include "loomwork/additions/PropertyListAdditions.h"
 #include "loomwork/platform/Log.h"
 #include "loomwork/sqlite/OTSQLiteDataSource.h"
 
@@ -30,7 +32,6 @@ namespace loomwork::tasks {
 
 namespace {
 
-constexpr std::string_view kModelPrefix = "m/";
 constexpr std::string_view kDeviceKey = "device";
 // On the server: the device identifier of the client its pairing was given to.
 constexpr std::string_view kPairingHolderKey = "pairingHolder";
@@ -50,48 +51,158 @@ bool isIdentifierText(std::string_view text) {
   return true;
 }
 
-Value entityValue(const Entity& entity) {
-  Dictionary properties;
-  for (const auto& [name, value] : entity.properties) properties.insert_or_assign(Value(name), value);
-  return Value::dictionary({{"kind", Value(entity.kind)}, {"properties", Value(std::move(properties))}});
+// The model's own tables, in the sync store's file. A task's and a list's
+// properties each have a column, used when the value has the column's type;
+// anything else (another type, an explicit null, a property or an entity kind
+// this version does not know) is kept in `entity_extras` as a one-value
+// binary property list, so the model read back equals the model written.
+constexpr const char* kModelSchema = R"(
+CREATE TABLE IF NOT EXISTS tasks(uuid TEXT PRIMARY KEY, title TEXT, notes TEXT, due INTEGER, done INTEGER,
+                                 list TEXT, modified REAL) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS lists(uuid TEXT PRIMARY KEY, name TEXT, sort_order REAL) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS other_entities(uuid TEXT PRIMARY KEY, kind TEXT NOT NULL) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS entity_extras(uuid TEXT NOT NULL, name TEXT NOT NULL, value BLOB NOT NULL,
+                                         PRIMARY KEY(uuid, name)) WITHOUT ROWID;
+)";
+
+enum class Column { Text, Integer, Boolean, Real, Date };
+struct ColumnSpec {
+  const char* property;
+  Column type;
+};
+const std::vector<ColumnSpec> kTaskColumns = {{"title", Column::Text},   {"notes", Column::Text},
+                                              {"due", Column::Integer},  {"done", Column::Boolean},
+                                              {"list", Column::Text},    {"modified", Column::Date}};
+const std::vector<ColumnSpec> kListColumns = {{"name", Column::Text}, {"order", Column::Real}};
+
+bool fits(const Value& value, Column type) {
+  switch (type) {
+    case Column::Text: return value.isString();
+    case Column::Integer: return value.isInteger();
+    case Column::Boolean: return value.isBoolean();
+    case Column::Real: return value.isReal();
+    case Column::Date: return value.isDate();
+  }
+  return false;
 }
 
-// The data source: storage from OTSQLiteDataSource, the model kept in the
-// same file under "m/<uuid>" host values so that an integration and its
-// model change commit together.
+// A prepared statement on the store's connection, kept for the device's life.
+class ModelStatement {
+ public:
+  ModelStatement(sqlite3* db, const char* sql) : db_(db) {
+    if (sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, &statement_, nullptr) != SQLITE_OK) fail();
+  }
+  ~ModelStatement() { sqlite3_finalize(statement_); }
+  ModelStatement(const ModelStatement&) = delete;
+  ModelStatement& operator=(const ModelStatement&) = delete;
+  sqlite3_stmt* get() { return statement_; }
+  ModelStatement& reset() {
+    sqlite3_reset(statement_);
+    sqlite3_clear_bindings(statement_);
+    return *this;
+  }
+  void text(int index, const std::string& value) {
+    sqlite3_bind_text(statement_, index, value.data(), static_cast<int>(value.size()), SQLITE_TRANSIENT);
+  }
+  // Runs a statement that returns no rows.
+  void run() {
+    if (sqlite3_step(statement_) != SQLITE_DONE) fail();
+    sqlite3_reset(statement_);
+  }
+  bool step() {
+    const int result = sqlite3_step(statement_);
+    if (result == SQLITE_ROW) return true;
+    if (result != SQLITE_DONE) fail();
+    return false;
+  }
+  std::string columnText(int index) {
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_, index));
+    return text ? std::string(text, static_cast<size_t>(sqlite3_column_bytes(statement_, index))) : std::string();
+  }
+
+ private:
+  [[noreturn]] void fail() {
+    std::string message = sqlite3_errmsg(db_);
+    sqlite3_reset(statement_);
+    throw OTSQLiteError("loomwork-tasks: " + message);
+  }
+  sqlite3* db_;
+  sqlite3_stmt* statement_ = nullptr;
+};
+
+// The data source: storage from OTSQLiteDataSource, the model kept in tables
+// of its own in the same file and written in the same transactions, so that
+// an integration and its model change commit together.
 class Store final : public OTSQLiteDataSource {
  public:
   // A new file gets 4 KiB pages: a seed writes the whole model at once, a
   // hundred thousand rows and a component of megabytes, and on smaller pages
   // that takes several times longer.
   Store(const std::string& path, TaskModel& model)
-      : OTSQLiteDataSource(path, Options{.exclusive = true, .pageSize = 4096}), model_(model) {}
+      : OTSQLiteDataSource(path, Options{.exclusive = true, .pageSize = 4096}), model_(model) {
+    if (sqlite3_exec(connection(), kModelSchema, nullptr, nullptr, nullptr) != SQLITE_OK)
+      throw OTSQLiteError(std::string("loomwork-tasks: ") + sqlite3_errmsg(connection()));
+    sqlite3* db = connection();
+    insertTask_ = std::make_unique<ModelStatement>(db, "INSERT OR REPLACE INTO tasks VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)");
+    insertList_ = std::make_unique<ModelStatement>(db, "INSERT OR REPLACE INTO lists VALUES(?1, ?2, ?3)");
+    insertOther_ = std::make_unique<ModelStatement>(db, "INSERT OR REPLACE INTO other_entities VALUES(?1, ?2)");
+    insertExtra_ = std::make_unique<ModelStatement>(db, "INSERT INTO entity_extras VALUES(?1, ?2, ?3)");
+    for (const char* table : {"tasks", "lists", "other_entities", "entity_extras"})
+      remove_.push_back(
+          std::make_unique<ModelStatement>(db, (std::string("DELETE FROM ") + table + " WHERE uuid = ?1").c_str()));
+  }
 
   Ref<OTPathComponent> receivedSeed;
   bool queueChanged = true;  // something was queued since pendingTransfers() was last read
 
   void persist(const ModelChange& change) {
-    auto write = [&](const std::string& uuid) {
-      const Entity* entity = model_.find(uuid);
-      setHostValueForKey(entity ? std::optional<Value>(entityValue(*entity)) : std::nullopt,
-                         std::string(kModelPrefix) + uuid);
-    };
     for (const auto& uuid : change.inserted) write(uuid);
     for (const auto& [uuid, before] : change.updated) write(uuid);
     for (const auto& [uuid, before] : change.deleted) write(uuid);
   }
 
   Ref<UGMutableTransaction> storedModel() {
-    auto content = UGMutableTransaction::transaction();
-    for (const auto& [key, value] : hostValuesWithPrefix(kModelPrefix)) {
-      auto kind = value["kind"];
-      auto properties = value["properties"];
-      if (!kind || !kind->isString() || !properties || !properties->isDictionary()) continue;
-      auto operation = make<UGMutableEntityOperation>(UGEntityOperationTypeCreate, std::string(kind->string()));
-      for (const auto& [name, property] : properties->dictionary())
-        if (name.isString()) operation->setValueForProperty(property, name.string());
-      content->setOperationForUUID(operation, key.substr(kModelPrefix.size()));
+    std::map<std::string, Ref<UGMutableEntityOperation>> operations;
+    sqlite3* db = connection();
+    auto read = [&](const char* sql, const char* kind, const std::vector<ColumnSpec>& columns) {
+      ModelStatement rows(db, sql);
+      while (rows.step()) {
+        auto operation = make<UGMutableEntityOperation>(UGEntityOperationTypeCreate, kind ? std::string(kind)
+                                                                                           : rows.columnText(1));
+        for (size_t i = 0; i < columns.size(); ++i) {
+          const int column = static_cast<int>(i) + 1;
+          if (sqlite3_column_type(rows.get(), column) == SQLITE_NULL) continue;
+          Value value;
+          switch (columns[i].type) {
+            case Column::Text: value = Value(rows.columnText(column)); break;
+            case Column::Integer: value = Value(sqlite3_column_int64(rows.get(), column)); break;
+            case Column::Boolean: value = Value(sqlite3_column_int64(rows.get(), column) != 0); break;
+            case Column::Real: value = Value(sqlite3_column_double(rows.get(), column)); break;
+            case Column::Date: value = Value::date(sqlite3_column_double(rows.get(), column)); break;
+          }
+          operation->setValueForProperty(value, columns[i].property);
+        }
+        operations.emplace(rows.columnText(0), operation);
+      }
+    };
+    read("SELECT uuid, title, notes, due, done, list, modified FROM tasks", kTaskKind, kTaskColumns);
+    read("SELECT uuid, name, sort_order FROM lists", kListKind, kListColumns);
+    read("SELECT uuid, kind FROM other_entities", nullptr, {});
+    ModelStatement extras(db, "SELECT uuid, name, value FROM entity_extras");
+    while (extras.step()) {
+      auto it = operations.find(extras.columnText(0));
+      const auto* bytes = static_cast<const uint8_t*>(sqlite3_column_blob(extras.get(), 2));
+      auto value = extendedPropertyListFromDataMutabilityOptionFormatErrorDescription(
+          std::span<const uint8_t>(bytes, static_cast<size_t>(sqlite3_column_bytes(extras.get(), 2))),
+          PropertyListMutabilityOption::Immutable, nullptr, nullptr);
+      if (it == operations.end() || !value || !value->isArray() || value->array().size() != 1) {
+        logMessage("loomwork-tasks: skipped an unreadable stored value of " + extras.columnText(0));
+        continue;
+      }
+      it->second->setValueForProperty(value->array()[0], extras.columnText(1));
     }
+    auto content = UGMutableTransaction::transaction();
+    for (auto& [uuid, operation] : operations) content->setOperationForUUID(operation, uuid);
     return content;
   }
 
@@ -131,7 +242,50 @@ class Store final : public OTSQLiteDataSource {
   }
 
  private:
+  // Rewrites one entity's rows from the model (or removes them).
+  void write(const std::string& uuid) {
+    for (auto& remove : remove_) {
+      remove->reset().text(1, uuid);
+      remove->run();
+    }
+    const Entity* entity = model_.find(uuid);
+    if (!entity) return;
+    const bool task = entity->kind == kTaskKind, list = entity->kind == kListKind;
+    const auto& columns = task ? kTaskColumns : list ? kListColumns : std::vector<ColumnSpec>();
+    ModelStatement& insert = task ? *insertTask_ : list ? *insertList_ : *insertOther_;
+    insert.reset().text(1, uuid);
+    if (!task && !list) insert.text(2, entity->kind);
+    for (size_t i = 0; i < columns.size(); ++i) {
+      auto it = entity->properties.find(columns[i].property);
+      if (it == entity->properties.end() || !fits(it->second, columns[i].type)) continue;
+      const int index = static_cast<int>(i) + 2;
+      switch (columns[i].type) {
+        case Column::Text: insert.text(index, std::string(it->second.string())); break;
+        case Column::Integer:
+        case Column::Boolean: sqlite3_bind_int64(insert.get(), index, it->second.integerValue()); break;
+        case Column::Real: sqlite3_bind_double(insert.get(), index, it->second.doubleValue()); break;
+        case Column::Date: sqlite3_bind_double(insert.get(), index, it->second.dateValue()); break;
+      }
+    }
+    insert.run();
+    for (const auto& [name, value] : entity->properties) {
+      const bool inColumn = std::any_of(columns.begin(), columns.end(), [&](const ColumnSpec& column) {
+        return name == column.property && fits(value, column.type);
+      });
+      if (inColumn) continue;
+      auto bytes = dataFromExtendedPropertyListFormatErrorDescription(Value(Array{value}), PropertyListFormat::Binary,
+                                                                      nullptr);
+      if (!bytes) continue;  // nothing a transaction carries fails to write
+      insertExtra_->reset().text(1, uuid);
+      insertExtra_->text(2, name);
+      sqlite3_bind_blob(insertExtra_->get(), 3, bytes->data(), static_cast<int>(bytes->size()), SQLITE_TRANSIENT);
+      insertExtra_->run();
+    }
+  }
+
   TaskModel& model_;
+  std::unique_ptr<ModelStatement> insertTask_, insertList_, insertOther_, insertExtra_;
+  std::vector<std::unique_ptr<ModelStatement>> remove_;
 };
 
 struct Connection {

@@ -1,8 +1,13 @@
-// The message framing and the merge class of loomwork-tasks, in process.
+// The message framing, the merge class and the model tables of loomwork-tasks, in process.
 #include <gtest/gtest.h>
 
 #include <random>
 
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "Device.h"
 #include "TaskMerge.h"
 #include "Wire.h"
 
@@ -100,6 +105,49 @@ TEST(Wire, MergeLetsTheLaterEditWin) {
   EXPECT_EQ(title(update("Task", "s", 30), update("Task", "c", 20)), "s");
   EXPECT_EQ(title(update("Task", "s", 20), update("Task", "c", 20)), "s");
   EXPECT_EQ(title(update("List", "s", std::nullopt), update("List", "c", std::nullopt)), "s");
+}
+
+}  // namespace
+}  // namespace loomwork::tasks
+
+namespace loomwork::tasks {
+namespace {
+
+// The model's tables give back exactly what was written: typed columns, and
+// values that do not fit them (explicit nulls, other types, properties and
+// entity kinds this version does not know) through the extras.
+TEST(DeviceStore, ModelReadBackAfterARestartEqualsTheModelWritten) {
+  const auto path = std::filesystem::temp_directory_path() / ("loomwork-store-" + std::to_string(::getpid()) + ".db");
+  std::filesystem::remove(path);
+  auto [list, createList] = TaskModel::createList("Home", 1.5);
+  auto [task, createTask] = TaskModel::createTask(list, "Call Bob", 20000, "see https://example.com");
+  auto odd = make<UGMutableEntityOperation>(UGEntityOperationTypeCreate, "Tag");
+  odd->setValueForProperty(Value::array({Value("a"), Value(2)}), "members");
+  auto strange = TaskModel::update(task, kTaskKind, {{"due", Value("soon")}, {"priority", Value(3)}});
+  auto listOrder = TaskModel::update(list, kListKind, {{"order", Value(int64_t{7})}, {"name", Value::null()}});
+  std::map<std::string, Entity> written;
+  {
+    asio::io_context context;
+    Device device(context, {Role::Server, path.string(), "127.0.0.1", 0});
+    device.start();
+    for (const auto& transaction : {createList, createTask}) device.commit(transaction);
+    device.commit(UGMutableTransaction::transactionWithOperationForUUID(odd, "TAG-1"));
+    device.commit(strange);
+    device.commit(listOrder);
+    written = device.model().entities();
+    device.commit(TaskModel::remove(task, kTaskKind));
+    auto [kept, keptTask] = TaskModel::createTask(list, "Kept");
+    device.commit(keptTask);
+    EXPECT_EQ(written.at(task).properties.at("priority"), Value(3));
+    written = device.model().entities();
+  }
+  asio::io_context context;
+  Device device(context, {Role::Server, path.string(), "127.0.0.1", 0});
+  device.start();
+  EXPECT_EQ(device.model().entities(), written);
+  EXPECT_EQ(written.size(), 3u);
+  EXPECT_TRUE(written.at(list).properties.at("name").isNull());
+  std::filesystem::remove(path);
 }
 
 }  // namespace
