@@ -156,7 +156,8 @@ class Store final : public OTSQLiteDataSource {
   bool queueChanged = true;  // something was queued since pendingTransfers() was last read
 
   void persist(const ModelChange& change) {
-    for (const auto& uuid : change.inserted) write(uuid);
+    // The tables mirror the model, so an entity new to it has no rows yet.
+    for (const auto& uuid : change.inserted) write(uuid, false);
     for (const auto& [uuid, before] : change.updated) write(uuid);
     for (const auto& [uuid, before] : change.deleted) write(uuid);
   }
@@ -243,11 +244,12 @@ class Store final : public OTSQLiteDataSource {
 
  private:
   // Rewrites one entity's rows from the model (or removes them).
-  void write(const std::string& uuid) {
-    for (auto& remove : remove_) {
-      remove->reset().text(1, uuid);
-      remove->run();
-    }
+  void write(const std::string& uuid, bool removeFirst = true) {
+    if (removeFirst)
+      for (auto& remove : remove_) {
+        remove->reset().text(1, uuid);
+        remove->run();
+      }
     const Entity* entity = model_.find(uuid);
     if (!entity) return;
     const bool task = entity->kind == kTaskKind, list = entity->kind == kListKind;
