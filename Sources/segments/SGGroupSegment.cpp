@@ -227,12 +227,12 @@ void SGGroupSegment::willExitNodeWithNotification(NPWNotification& notification)
   }
   if (!segmentsTransform) segmentsTransform = UGListTransform::transform();
 
+  // Removed children arrive from the last one up; their rows are recorded
+  // afterwards from the first one down, so that each recorded deletion lands
+  // at the end of the transform's deletions instead of before all the others.
+  std::vector<int64_t> deletedChildren;
   segmentsTransform->enumerateTransformAsGroupedDeletionsMovesInsertions(
-      [&](int64_t deleted, const std::optional<Value>&) {
-        for (int64_t k = 0; k < cached(deleted); ++k) {
-          result->recordDeletedObjectFromIndex(std::nullopt, oldStart(deleted) + k);
-        }
-      },
+      [&](int64_t deleted, const std::optional<Value>&) { deletedChildren.push_back(deleted); },
       [&](int64_t from, int64_t to, const std::optional<Value>&) {
         auto moves = UGMutableListTransform::transform();
         for (int64_t k = 0; k < cached(from); ++k) {
@@ -250,6 +250,9 @@ void SGGroupSegment::willExitNodeWithNotification(NPWNotification& notification)
           result->recordInsertedObjectAtIndex(std::nullopt, newStart(inserted) + k);
         }
       });
+  std::sort(deletedChildren.begin(), deletedChildren.end());
+  for (int64_t deleted : deletedChildren)
+    for (int64_t k = 0; k < cached(deleted); ++k) result->recordDeletedObjectFromIndex(std::nullopt, oldStart(deleted) + k);
 
   Ref<UGMutableListTransform> inverse = segmentsTransform->inverseTransform();
   const IndexSet insertedOrMoved = segmentsTransform->insertionIndexesIncludingDecomposedMoveIndexes(true);
