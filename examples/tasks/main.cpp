@@ -14,7 +14,7 @@
 #include "Demo.h"
 #include "Device.h"
 #include "Driver.h"
-#include "Inspect.h"
+#include "StateDrawing.h"
 #include "Rows.h"
 #include "loomwork/platform/Log.h"
 #include "loomwork/sqlite/OTSQLiteDataSource.h"

@@ -17,7 +17,7 @@
 #include <sstream>
 
 #include "Driver.h"
-#include "Inspect.h"
+#include "StateDrawing.h"
 #include "Wire.h"
 #include "loomwork/sync.h"
 

@@ -1,4 +1,4 @@
-#include "Inspect.h"
+#include "StateDrawing.h"
 
 #include <algorithm>
 #include <cstdio>
