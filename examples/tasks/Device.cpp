@@ -270,9 +270,10 @@ class Store final : public OTSQLiteDataSource {
       }
     }
     insert.run();
-    for (const auto& [name, value] : entity->properties) {
-      const bool inColumn = std::any_of(columns.begin(), columns.end(), [&](const ColumnSpec& column) {
-        return name == column.property && fits(value, column.type);
+    for (const auto& property : entity->properties) {
+      const auto& [name, value] = property;
+      const bool inColumn = std::any_of(columns.begin(), columns.end(), [&property](const ColumnSpec& column) {
+        return property.first == column.property && fits(property.second, column.type);
       });
       if (inColumn) continue;
       auto bytes = dataFromExtendedPropertyListFormatErrorDescription(Value(Array{value}), PropertyListFormat::Binary,
