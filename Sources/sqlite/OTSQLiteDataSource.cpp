@@ -3,14 +3,19 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <limits>
+#include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <tuple>
 #include <unordered_map>
 #include <unordered_set>
 
 #include "loomwork/additions/PropertyListAdditions.h"
 #include "loomwork/platform/Log.h"
 #include "loomwork/platform/PropertyList.h"
+#include "loomwork/sync/OTRange.h"
 #include "loomwork/sync/OTStateSpaceIdentifier.h"
 #include "loomwork/sync/OTSyncController.h"
 
@@ -20,21 +25,25 @@ namespace {
 
 constexpr std::string_view kClaimedRemoteStateKey = "claimedRemoteState";
 
-const char* const kSchema = R"sql(
+// The file's layout, kept in its user_version. Version 1 files (user_version
+// 0) kept a unique index on the component identifiers and four indexes on
+// their states; the data source now keeps those in memory (see Catalog), so a
+// stored component costs one row of one table.
+constexpr int kSchemaVersion = 2;
+
+const char* const kTables = R"sql(
 CREATE TABLE IF NOT EXISTS metadata(key TEXT PRIMARY KEY, value BLOB NOT NULL) WITHOUT ROWID;
 CREATE TABLE IF NOT EXISTS host_values(key TEXT PRIMARY KEY, value BLOB NOT NULL) WITHOUT ROWID;
-CREATE TABLE IF NOT EXISTS components(
+)sql";
+
+const char* const kComponentsTable = R"sql(
+CREATE TABLE components_v2(
   id INTEGER PRIMARY KEY,
-  uid TEXT NOT NULL UNIQUE,
+  uid TEXT NOT NULL,
   from_s INTEGER NOT NULL, from_c INTEGER NOT NULL,
   to_s INTEGER NOT NULL, to_c INTEGER NOT NULL,
   data BLOB NOT NULL,
   pending INTEGER NOT NULL DEFAULT 0);
-CREATE INDEX IF NOT EXISTS components_from_c ON components(from_c, from_s);
-DROP INDEX IF EXISTS components_from_s;
-CREATE INDEX IF NOT EXISTS components_from_s_c ON components(from_s, from_c DESC);
-CREATE INDEX IF NOT EXISTS components_to ON components(to_c, to_s);
-CREATE INDEX IF NOT EXISTS components_pending ON components(id) WHERE pending = 1;
 )sql";
 
 Data encode(const Value& value) {
@@ -48,6 +57,201 @@ std::optional<Value> decode(std::span<const uint8_t> bytes) {
   return extendedPropertyListFromDataMutabilityOptionFormatErrorDescription(
       bytes, PropertyListMutabilityOption::Immutable, nullptr, nullptr);
 }
+
+// What the data source keeps in memory of each stored component: all but its
+// bytes. The row ids give the order in which components were first stored.
+struct Entry {
+  std::string uid;
+  OTState from, to;
+  bool pending = false;
+};
+
+// The stored components' identifiers and states, indexed for the controller's
+// questions: range queries walk the origins by client or by server index,
+// the two state queries read the ends of ordered sets, and identifiers find
+// their rows without an index in the file.
+class Catalog {
+ public:
+  void clear() {
+    entries_.clear();
+    byUid_.clear();
+    byFromC_.clear();
+    byFromS_.clear();
+    byTo_.clear();
+    pending_.clear();
+  }
+
+  void add(int64_t id, Entry entry) {
+    const OTState from = entry.from;
+    const OTState to = entry.to;
+    if (entry.pending) pending_.insert(id);
+    byUid_.emplace(entry.uid, id);
+    entries_.emplace(id, std::move(entry));
+    byFromC_.emplace(from.clientIndex(), from.serverIndex(), id);
+    byFromS_.emplace(from.serverIndex(), from.clientIndex(), id);
+    byTo_.emplace(to.clientIndex(), to.serverIndex(), id);
+  }
+
+  void remove(int64_t id) {
+    auto it = entries_.find(id);
+    if (it == entries_.end()) return;
+    const Entry& entry = it->second;
+    byFromC_.erase({entry.from.clientIndex(), entry.from.serverIndex(), id});
+    byFromS_.erase({entry.from.serverIndex(), entry.from.clientIndex(), id});
+    byTo_.erase({entry.to.clientIndex(), entry.to.serverIndex(), id});
+    pending_.erase(id);
+    if (auto named = byUid_.find(entry.uid); named != byUid_.end()) byUid_.erase(named);
+    entries_.erase(it);
+  }
+
+  const Entry* find(int64_t id) const {
+    auto it = entries_.find(id);
+    return it == entries_.end() ? nullptr : &it->second;
+  }
+  std::optional<int64_t> idOf(std::string_view uid) const {
+    auto it = byUid_.find(uid);
+    return it == byUid_.end() ? std::nullopt : std::optional<int64_t>(it->second);
+  }
+  void setPending(int64_t id, bool pending) {
+    auto it = entries_.find(id);
+    if (it == entries_.end()) return;
+    it->second.pending = pending;
+    if (pending) {
+      pending_.insert(id);
+    } else {
+      pending_.erase(id);
+    }
+  }
+  const std::set<int64_t>& pending() const { return pending_; }
+  size_t size() const { return entries_.size(); }
+
+  // The components with both states in `range`, by row id.
+  std::vector<int64_t> inRange(const OTRange& range) const {
+    std::vector<int64_t> ids;
+    if (!candidates(range, ids)) {
+      ids.clear();
+      for (const auto& [id, entry] : entries_) ids.push_back(id);
+    } else {
+      std::sort(ids.begin(), ids.end());
+      ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+    }
+    std::erase_if(ids, [&](int64_t id) {
+      const Entry& entry = entries_.at(id);
+      return !range.containsState(entry.from) || !range.containsState(entry.to);
+    });
+    return ids;
+  }
+
+  // The components with neither state in `range`, as runs of row ids with no
+  // other stored component between their first and last.
+  std::vector<std::pair<int64_t, int64_t>> outside(const OTRange& range) const {
+    std::vector<std::pair<int64_t, int64_t>> runs;
+    bool inRun = false;
+    for (const auto& [id, entry] : entries_) {
+      const bool doomed = !range.containsState(entry.from) && !range.containsState(entry.to);
+      if (doomed && inRun) {
+        runs.back().second = id;
+      } else if (doomed) {
+        runs.emplace_back(id, id);
+      }
+      inRun = doomed;
+    }
+    return runs;
+  }
+
+  // The stored components with row ids in [first, last].
+  std::vector<int64_t> between(int64_t first, int64_t last) const {
+    std::vector<int64_t> ids;
+    for (auto it = entries_.lower_bound(first); it != entries_.end() && it->first <= last; ++it) ids.push_back(it->first);
+    return ids;
+  }
+
+  // The largest toState by client index, then by server index.
+  std::optional<OTState> largestDestination() const {
+    if (byTo_.empty()) return std::nullopt;
+    const auto& [c, s, id] = *byTo_.rbegin();
+    return OTState(s, c);
+  }
+  // The fromState with the smallest server index and, among those, the
+  // largest client index.
+  std::optional<OTState> smallestOrigin() const {
+    if (byFromS_.empty()) return std::nullopt;
+    const int64_t s = std::get<0>(*byFromS_.begin());
+    auto it = s == kLargest ? byFromS_.end() : byFromS_.lower_bound({s + 1, kSmallest, kSmallest});
+    --it;
+    return OTState(s, std::get<1>(*it));
+  }
+
+ private:
+  using Key = std::tuple<int64_t, int64_t, int64_t>;  // (first index, second index, row id)
+  static constexpr int64_t kSmallest = std::numeric_limits<int64_t>::min();
+  static constexpr int64_t kLargest = std::numeric_limits<int64_t>::max();
+
+  // Adds to `ids` every component whose fromState lies in `range`, a superset
+  // of those the range holds whole. False when the range's kind gives no
+  // bound: every component is then a candidate.
+  bool candidates(const OTRange& range, std::vector<int64_t>& ids) const {
+    if (const auto* box = dynamic_cast<const OTElementaryRange*>(&range)) {
+      const int64_t c0 = box->minClientIndex(), c1 = box->maxClientIndex();
+      const int64_t s0 = box->minServerIndex(), s1 = box->maxServerIndex();
+      // A line along the server axis is walked by server index.
+      if (c0 != c1 && s0 == s1) {
+        walk(byFromS_, s0, s1, c0, c1, ids);
+      } else {
+        walk(byFromC_, c0, c1, s0, s1, ids);
+      }
+      return true;
+    }
+    if (const auto* compound = dynamic_cast<const OTCompoundRange*>(&range)) {
+      if (compound->type() == OTCompoundRangeTypeUnion) {
+        for (const auto& member : compound->ranges())
+          if (member && !candidates(*member, ids)) return false;
+        return true;
+      }
+      if (compound->type() == OTCompoundRangeTypeIntersection) {
+        for (const auto& member : compound->ranges())
+          if (member) {
+            std::vector<int64_t> some;
+            if (candidates(*member, some)) {
+              ids.insert(ids.end(), some.begin(), some.end());
+              return true;
+            }
+          }
+        return false;
+      }
+    }
+    return false;
+  }
+
+  // The keys of `index` with first in [p0, p1] and second in [q0, q1]; a run
+  // of keys outside [q0, q1] is skipped with one search.
+  static void walk(const std::set<Key>& index, int64_t p0, int64_t p1, int64_t q0, int64_t q1,
+                   std::vector<int64_t>& ids) {
+    if (p0 > p1 || q0 > q1) return;
+    auto it = index.lower_bound({p0, q0, kSmallest});
+    while (it != index.end() && std::get<0>(*it) <= p1) {
+      const auto& [p, q, id] = *it;
+      if (q < q0) {
+        it = index.lower_bound({p, q0, kSmallest});
+      } else if (q > q1) {
+        if (p == kLargest) break;
+        it = index.lower_bound({p + 1, q0, kSmallest});
+      } else {
+        ids.push_back(id);
+        ++it;
+      }
+    }
+  }
+
+  struct Hash {
+    using is_transparent = void;
+    size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+  };
+  std::map<int64_t, Entry> entries_;
+  std::unordered_map<std::string, int64_t, Hash, std::equal_to<>> byUid_;
+  std::set<Key> byFromC_, byFromS_, byTo_;
+  std::set<int64_t> pending_;
+};
 
 }  // namespace
 
@@ -139,9 +343,10 @@ class OTSQLiteDataSource::Database {
       // per page, and a long line of components stays in the page cache.
       execute("PRAGMA mmap_size=268435456");
       execute("PRAGMA cache_size=-16384");
-      execute(kSchema);
+      prepareTables();
       begin_ = std::make_unique<Statement>(db_, "BEGIN IMMEDIATE");
       commit_ = std::make_unique<Statement>(db_, "COMMIT");
+      loadCatalog();
     } catch (...) {
       statements_.clear();
       begin_.reset();
@@ -156,6 +361,58 @@ class OTSQLiteDataSource::Database {
     commit_.reset();
     // An open transaction is rolled back by closing.
     sqlite3_close_v2(db_);
+  }
+
+  // Creates the tables of a new file, or brings those of an older one up to
+  // date, in one transaction.
+  void prepareTables() {
+    execute("BEGIN IMMEDIATE");
+    try {
+      execute(kTables);
+      int version = 0;
+      {
+        Statement pragma(db_, "PRAGMA user_version");
+        if (pragma.step()) version = static_cast<int>(pragma.integer(0));
+      }
+      if (version > kSchemaVersion)
+        throw OTSQLiteError("OTSQLiteDataSource: the file was written by a newer version of this library (layout " +
+                            std::to_string(version) + ")");
+      if (version < kSchemaVersion) {
+        bool hasComponents = false;
+        {
+          Statement table(db_, "SELECT 1 FROM sqlite_schema WHERE type = 'table' AND name = 'components'");
+          hasComponents = table.step();
+        }
+        execute(kComponentsTable);
+        if (hasComponents)
+          execute(
+              "INSERT INTO components_v2(id, uid, from_s, from_c, to_s, to_c, data, pending) "
+              "SELECT id, uid, from_s, from_c, to_s, to_c, data, pending FROM components ORDER BY id;"
+              "DROP TABLE components;");
+        execute(("ALTER TABLE components_v2 RENAME TO components; PRAGMA user_version = " +
+                 std::to_string(kSchemaVersion))
+                    .c_str());
+      }
+      execute("COMMIT");
+    } catch (...) {
+      sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+      throw;
+    }
+  }
+
+  // Reads the identifiers and states of every stored component.
+  void loadCatalog() {
+    catalog_.clear();
+    Statement select(db_, "SELECT id, uid, from_s, from_c, to_s, to_c, pending FROM components");
+    while (select.step())
+      catalog_.add(select.integer(0),
+                   Entry{std::string(select.text(1)), OTState(select.integer(2), select.integer(3)),
+                         OTState(select.integer(4), select.integer(5)), select.integer(6) != 0});
+  }
+
+  Catalog& catalog() {
+    noticeRollBack();
+    return catalog_;
   }
 
   void execute(const char* sql) {
@@ -184,6 +441,9 @@ class OTSQLiteDataSource::Database {
       body();
     } catch (...) {
       sqlite3_exec(db_, "ROLLBACK TO atomically; RELEASE atomically", nullptr, nullptr, nullptr);
+      // What the body changed in memory is undone by reading the file again.
+      known_.clear();
+      loadCatalog();
       throw;
     }
     execute("RELEASE atomically");
@@ -200,6 +460,7 @@ class OTSQLiteDataSource::Database {
     if (noticeRollBack()) throw OTSQLiteError("OTSQLiteDataSource: the transaction was rolled back after a failure");
     for (auto& [key, bytes] : heldBack_) writeValue(key, bytes);
     heldBack_.clear();
+    writeAcknowledgements();
     commit_->reset().run();
     open_ = false;
   }
@@ -212,8 +473,43 @@ class OTSQLiteDataSource::Database {
     open_ = false;
     values_.clear();
     heldBack_.clear();
+    acknowledged_.clear();
     known_.clear();
+    loadCatalog();
     return true;
+  }
+
+  // MARK: Acknowledgements
+  //
+  // A component taken off the queue inside a controller transaction is marked
+  // in the file at the commit, together with the others of the transaction:
+  // one statement for each stretch of rows with nothing still queued between.
+
+  void acknowledge(int64_t id, bool holdBack) {
+    catalog().setPending(id, false);
+    if (holdBack) {
+      acknowledged_.push_back(id);
+    } else {
+      statement("UPDATE components SET pending = 0 WHERE id = ?").bind(id).run();
+    }
+  }
+
+  void writeAcknowledgements() {
+    if (acknowledged_.empty()) return;
+    std::sort(acknowledged_.begin(), acknowledged_.end());
+    const std::set<int64_t>& queued = catalog_.pending();
+    for (size_t i = 0; i < acknowledged_.size();) {
+      const int64_t first = acknowledged_[i];
+      const auto nextQueued = queued.upper_bound(first);
+      size_t j = i;
+      while (j + 1 < acknowledged_.size() && (nextQueued == queued.end() || acknowledged_[j + 1] < *nextQueued)) ++j;
+      statement("UPDATE components SET pending = 0 WHERE id BETWEEN ? AND ? AND pending = 1")
+          .bind(first)
+          .bind(acknowledged_[j])
+          .run();
+      i = j + 1;
+    }
+    acknowledged_.clear();
   }
 
   // MARK: Controller values
@@ -301,65 +597,10 @@ class OTSQLiteDataSource::Database {
   std::unique_ptr<Statement> begin_, commit_;
   Map<std::optional<Value>> values_;
   Map<std::optional<Data>> heldBack_;
+  std::vector<int64_t> acknowledged_;  // held back until the commit
   Map<Ref<OTPathComponent>> known_;
+  Catalog catalog_;
   bool open_ = false;  // a transaction was begun and not yet committed
-};
-
-// The SQL condition for "the state in columns (s, c) lies in the range", with
-// its parameters. Ranges of kinds other than boxes, unions and intersections
-// cannot be put into SQL; `exact` is then false.
-struct OTSQLiteDataSource::Where {
-  std::string sql;
-  std::vector<int64_t> parameters;
-  bool exact = true;
-
-  void add(const OTRange& range, const char* s, const char* c) {
-    if (const auto* box = dynamic_cast<const OTElementaryRange*>(&range)) {
-      sql += "(";
-      interval(c, box->minClientIndex(), box->maxClientIndex());
-      sql += " AND ";
-      interval(s, box->minServerIndex(), box->maxServerIndex());
-      sql += ")";
-    } else if (const auto* compound = dynamic_cast<const OTCompoundRange*>(&range)) {
-      const bool isUnion = compound->type() == OTCompoundRangeTypeUnion;
-      if (!isUnion && compound->type() != OTCompoundRangeTypeIntersection) {
-        sql += "0";
-        return;
-      }
-      if (compound->ranges().empty()) {
-        sql += isUnion ? "0" : "1";
-        return;
-      }
-      sql += "(";
-      bool first = true;
-      for (const auto& member : compound->ranges()) {
-        if (!first) sql += isUnion ? " OR " : " AND ";
-        first = false;
-        if (member) {
-          add(*member, s, c);
-        } else {
-          sql += isUnion ? "0" : "1";
-        }
-      }
-      sql += ")";
-    } else {
-      exact = false;
-    }
-  }
-
- private:
-  // A single value is written as an equality, which tells the planner which
-  // index fits a line of the state space.
-  void interval(const char* column, int64_t min, int64_t max) {
-    sql += column;
-    if (min == max) {
-      sql += " = ?";
-      parameters.push_back(min);
-    } else {
-      sql += " BETWEEN ? AND ?";
-      parameters.insert(parameters.end(), {min, max});
-    }
-  }
 };
 
 // MARK: OTSQLiteDataSource
@@ -388,6 +629,7 @@ void OTSQLiteDataSource::removeAllMetadataForOTSyncController(OTSyncController&)
     database_->removeAllValues();
     database_->statement("DELETE FROM components").run();
   });
+  database_->catalog().clear();
 }
 
 void OTSQLiteDataSource::OTSyncControllerRecordPathComponentEnqueueForTransfer(OTSyncController&,
@@ -399,87 +641,108 @@ void OTSQLiteDataSource::OTSyncControllerRecordPathComponentEnqueueForTransfer(O
                                   " cannot be written as a property list");
   const OTState& from = *component->fromState();
   const OTState& to = *component->toState();
-  const std::string uid = component->uniqueIdentifier();
-  database_
-      ->statement(
-          "INSERT INTO components(uid, from_s, from_c, to_s, to_c, data, pending) VALUES(?, ?, ?, ?, ?, ?, ?) "
-          "ON CONFLICT(uid) DO UPDATE SET data = excluded.data, pending = max(pending, excluded.pending)")
-      .bind(uid)
-      .bind(from.serverIndex())
-      .bind(from.clientIndex())
-      .bind(to.serverIndex())
-      .bind(to.clientIndex())
-      .bind(*bytes)
-      .bind(int64_t{enqueueForTransfer ? 1 : 0})
-      .run();
+  std::string uid = component->uniqueIdentifier();
+  Catalog& catalog = database_->catalog();
+  if (const std::optional<int64_t> id = catalog.idOf(uid)) {
+    // The same identifier names the same two states: only the bytes and the
+    // queued mark can change.
+    const bool pending = enqueueForTransfer || catalog.find(*id)->pending;
+    database_->statement("UPDATE components SET data = ?, pending = ? WHERE id = ?")
+        .bind(*bytes)
+        .bind(int64_t{pending ? 1 : 0})
+        .bind(*id)
+        .run();
+    catalog.setPending(*id, pending);
+  } else {
+    database_
+        ->statement("INSERT INTO components(uid, from_s, from_c, to_s, to_c, data, pending) VALUES(?, ?, ?, ?, ?, ?, ?)")
+        .bind(uid)
+        .bind(from.serverIndex())
+        .bind(from.clientIndex())
+        .bind(to.serverIndex())
+        .bind(to.clientIndex())
+        .bind(*bytes)
+        .bind(int64_t{enqueueForTransfer ? 1 : 0})
+        .run();
+    catalog.add(sqlite3_last_insert_rowid(database_->handle()), Entry{uid, from, to, enqueueForTransfer});
+  }
   database_->remember(uid, component->copy());
 }
 
 std::vector<Ref<OTPathComponent>> OTSQLiteDataSource::OTSyncControllerPathComponentsInRange(OTSyncController&,
                                                                                             const OTRange& range) {
-  Where where;
-  where.add(range, "from_s", "from_c");
-  where.sql += " AND ";
-  where.add(range, "to_s", "to_c");
-  // Read in index order and put in the order of storing here: sorting in SQL
-  // would copy every row's bytes into a temporary tree first.
-  std::vector<std::pair<int64_t, Ref<OTPathComponent>>> found;
-  auto read = [&](Statement& select, bool test) {
-    while (select.step()) {
-      if (test && !(range.containsState(OTState(select.integer(3), select.integer(4))) &&
-                    range.containsState(OTState(select.integer(5), select.integer(6)))))
-        continue;
-      if (Ref<OTPathComponent> known = database_->known(select.text(1))) {
-        found.emplace_back(select.integer(0), known->copy());
-        continue;
-      }
-      Ref<OTPathComponent> component = OTPathComponent::initWithData(select.blob(2));
-      if (!component || !component->fromState() || !component->toState()) {
-        logMessage("OTSQLiteDataSource: skipped the stored path component " + std::string(select.text(1)) +
-                   ", which does not read");
-        continue;
-      }
-      found.emplace_back(select.integer(0), std::move(component));
-    }
-  };
-  if (where.exact) {
-    Statement& select = database_->statement("SELECT id, uid, data FROM components WHERE " + where.sql);
-    for (int64_t parameter : where.parameters) select.bind(parameter);
-    read(select, false);
-  } else {
-    read(database_->statement("SELECT id, uid, data, from_s, from_c, to_s, to_c FROM components"), true);
-  }
-  std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+  Catalog& catalog = database_->catalog();
+  const std::vector<int64_t> ids = catalog.inRange(range);
   std::vector<Ref<OTPathComponent>> components;
-  components.reserve(found.size());
-  for (auto& [id, component] : found) components.push_back(std::move(component));
+  components.reserve(ids.size());
+  std::vector<int64_t> unread;
+  for (int64_t id : ids) {
+    if (Ref<OTPathComponent> known = database_->known(catalog.find(id)->uid)) {
+      components.push_back(known->copy());
+    } else {
+      components.push_back(nullptr);
+      unread.push_back(id);
+    }
+  }
+  if (!unread.empty()) {
+    // The rows not remembered are read by row id; when they are most of a
+    // stretch of rows, one pass over the stretch costs less than a search for
+    // each.
+    std::unordered_map<int64_t, Ref<OTPathComponent>> read;
+    auto take = [&](int64_t id, std::span<const uint8_t> bytes) {
+      Ref<OTPathComponent> component = OTPathComponent::initWithData(bytes);
+      if (!component || !component->fromState() || !component->toState()) {
+        logMessage("OTSQLiteDataSource: skipped the stored path component " + catalog.find(id)->uid +
+                   ", which does not read");
+        return;
+      }
+      read.emplace(id, std::move(component));
+    };
+    const int64_t first = unread.front(), last = unread.back();
+    if (static_cast<double>(unread.size()) * 4 >= static_cast<double>(last - first) + 1) {
+      std::unordered_set<int64_t> wanted(unread.begin(), unread.end());
+      Statement& select = database_->statement("SELECT id, data FROM components WHERE id BETWEEN ? AND ?");
+      select.bind(first).bind(last);
+      while (select.step())
+        if (wanted.contains(select.integer(0))) take(select.integer(0), select.blob(1));
+    } else {
+      for (int64_t id : unread) {
+        Statement& select = database_->statement("SELECT data FROM components WHERE id = ?");
+        if (select.bind(id).step()) {
+          take(id, select.blob(0));
+          select.reset();
+        }
+      }
+    }
+    for (size_t i = 0; i < ids.size(); ++i) {
+      if (components[i]) continue;
+      if (auto it = read.find(ids[i]); it != read.end()) components[i] = std::move(it->second);
+    }
+    std::erase(components, nullptr);
+  }
   return components;
 }
 
 void OTSQLiteDataSource::OTSyncControllerRemovePathComponentsNotInRange(OTSyncController&, const OTRange& range) {
-  Where where;
-  where.add(range, "from_s", "from_c");
-  where.sql += " OR ";
-  where.add(range, "to_s", "to_c");
-  if (where.exact) {
-    Statement& remove =
-        database_->statement("DELETE FROM components WHERE NOT (" + where.sql + ") RETURNING uid");
-    for (int64_t parameter : where.parameters) remove.bind(parameter);
-    while (remove.step()) database_->forget(remove.text(0));
-    return;
-  }
-  std::vector<std::pair<int64_t, std::string>> doomed;
-  Statement& select = database_->statement("SELECT id, from_s, from_c, to_s, to_c, uid FROM components");
-  while (select.step())
-    if (!range.containsState(OTState(select.integer(1), select.integer(2))) &&
-        !range.containsState(OTState(select.integer(3), select.integer(4))))
-      doomed.emplace_back(select.integer(0), std::string(select.text(5)));
-  database_->atomically([&] {
-    for (const auto& [id, uid] : doomed) {
-      database_->statement("DELETE FROM components WHERE id = ?").bind(id).run();
-      database_->forget(uid);
+  Catalog& catalog = database_->catalog();
+  const auto doomed = catalog.outside(range);
+  if (doomed.empty()) return;
+  // Components go mostly in stretches of the oldest rows: one statement a
+  // stretch.
+  auto remove = [&] {
+    for (const auto& [first, last] : doomed) {
+      database_->statement("DELETE FROM components WHERE id BETWEEN ? AND ?").bind(first).bind(last).run();
+      for (int64_t id : catalog.between(first, last)) {
+        database_->forget(catalog.find(id)->uid);
+        catalog.remove(id);
+      }
     }
-  });
+  };
+  if (inTransaction_) {
+    remove();
+  } else {
+    database_->atomically(remove);
+  }
 }
 
 std::optional<OTState> OTSQLiteDataSource::claimedRemoteStateForSyncController(OTSyncController&) {
@@ -507,38 +770,36 @@ void OTSQLiteDataSource::endTransactionForOTSyncController(OTSyncController&) {
 std::optional<OTState>
 OTSQLiteDataSource::stateWithLargestClientIndexPointedToByPathComponentWithLargestServerIndexForOTSyncController(
     OTSyncController&) {
-  Statement& select = database_->statement("SELECT to_s, to_c FROM components ORDER BY to_c DESC, to_s DESC LIMIT 1");
-  if (!select.step()) return std::nullopt;
-  OTState state(select.integer(0), select.integer(1));
-  select.reset();
-  return state;
+  return database_->catalog().largestDestination();
 }
 
 std::optional<OTState>
 OTSQLiteDataSource::stateWithLargestClientIndexBeingOriginOfPathComponentWithSmallestServerIndexForOTSyncController(
     OTSyncController&) {
-  Statement& select =
-      database_->statement("SELECT from_s, from_c FROM components ORDER BY from_s ASC, from_c DESC LIMIT 1");
-  if (!select.step()) return std::nullopt;
-  OTState state(select.integer(0), select.integer(1));
-  select.reset();
-  return state;
+  return database_->catalog().smallestOrigin();
 }
 
 // MARK: Transfer
 
 std::vector<OTSQLiteDataSource::PendingTransfer> OTSQLiteDataSource::pendingTransfers() {
   std::vector<PendingTransfer> pending;
-  Statement& select = database_->statement("SELECT uid, data FROM components WHERE pending = 1 ORDER BY id");
-  while (select.step()) {
-    const auto bytes = select.blob(1);
-    pending.push_back({std::string(select.text(0)), Data(bytes.begin(), bytes.end())});
+  Catalog& catalog = database_->catalog();
+  pending.reserve(catalog.pending().size());
+  for (int64_t id : catalog.pending()) {
+    Statement& select = database_->statement("SELECT data FROM components WHERE id = ?");
+    if (!select.bind(id).step()) continue;
+    const auto bytes = select.blob(0);
+    pending.push_back({catalog.find(id)->uid, Data(bytes.begin(), bytes.end())});
+    select.reset();
   }
   return pending;
 }
 
 void OTSQLiteDataSource::acknowledgeTransfer(std::string_view uniqueIdentifier) {
-  database_->statement("UPDATE components SET pending = 0 WHERE uid = ?").bind(uniqueIdentifier).run();
+  Catalog& catalog = database_->catalog();
+  const std::optional<int64_t> id = catalog.idOf(uniqueIdentifier);
+  if (!id || !catalog.find(*id)->pending) return;
+  database_->acknowledge(*id, inTransaction_);
 }
 
 bool OTSQLiteDataSource::receivePathComponentData(std::span<const uint8_t> data) {
@@ -564,6 +825,9 @@ bool OTSQLiteDataSource::receive(const Ref<OTPathComponent>& stored, std::span<c
   if (!identifier || !identifier->isString() ||
       identifier->string() != *component.stateSpaceIdentifier()->fullIdentifier())
     return false;
+  std::string uid = component.uniqueIdentifier();
+  Catalog& catalog = database_->catalog();
+  if (catalog.idOf(uid)) return true;
   std::optional<Data> bytes;
   if (data.empty()) {
     bytes = component.data();
@@ -571,17 +835,16 @@ bool OTSQLiteDataSource::receive(const Ref<OTPathComponent>& stored, std::span<c
     data = *bytes;
   }
   database_
-      ->statement(
-          "INSERT INTO components(uid, from_s, from_c, to_s, to_c, data, pending) VALUES(?, ?, ?, ?, ?, ?, 0) "
-          "ON CONFLICT(uid) DO NOTHING")
-      .bind(component.uniqueIdentifier())
+      ->statement("INSERT INTO components(uid, from_s, from_c, to_s, to_c, data, pending) VALUES(?, ?, ?, ?, ?, ?, 0)")
+      .bind(uid)
       .bind(from.serverIndex())
       .bind(from.clientIndex())
       .bind(to.serverIndex())
       .bind(to.clientIndex())
       .bind(data)
       .run();
-  if (sqlite3_changes(database_->handle()) > 0) database_->remember(component.uniqueIdentifier(), stored);
+  catalog.add(sqlite3_last_insert_rowid(database_->handle()), Entry{uid, from, to, false});
+  database_->remember(uid, stored);
   return true;
 }
 
@@ -614,13 +877,7 @@ std::vector<std::pair<std::string, Value>> OTSQLiteDataSource::hostValuesWithPre
   return values;
 }
 
-size_t OTSQLiteDataSource::pathComponentCount() {
-  Statement& select = database_->statement("SELECT count(*) FROM components");
-  select.step();
-  const auto count = static_cast<size_t>(select.integer(0));
-  select.reset();
-  return count;
-}
+size_t OTSQLiteDataSource::pathComponentCount() { return database_->catalog().size(); }
 
 size_t OTSQLiteDataSource::pathComponentBytes() {
   Statement& select = database_->statement("SELECT coalesce(sum(length(data)), 0) FROM components");

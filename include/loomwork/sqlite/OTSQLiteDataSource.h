@@ -33,8 +33,8 @@ class OTSQLiteError : public std::runtime_error {
 
 // Everything about storage for one sync controller, in one SQLite database:
 // the controller's persisted values, the path components in their byte form
-// with both states indexed, the queue of components waiting to be sent, the
-// state the other side last claimed, and a key-value table of the host's own.
+// with their states, the queue of components waiting to be sent, the state
+// the other side last claimed, and a key-value table of the host's own.
 // Transfer, seeds and the integration into the host's model are left to the
 // host: a subclass implements seedForOTSyncController() and the five
 // integration calls, and moves components between devices with
@@ -60,6 +60,14 @@ class OTSQLiteError : public std::runtime_error {
 // lies in the range (so the seed component, which starts at the origin, and
 // the component that ends at the current state stay). Stored components that
 // no longer parse are skipped with a log line.
+//
+// The identifiers and states of the stored components are read once when the
+// file opens and then kept in memory (about 200 bytes a component, plus a
+// few thousand recently used components whole), so that storing a component
+// writes one row and no index, and the controller's range and state
+// questions are answered without the file. The file's user_version holds the
+// layout of its tables; a file of the earlier layout is brought up to date
+// when it opens, and one of a later layout is refused.
 //
 // One data source serves one controller and is used on one thread at a time.
 class OTSQLiteDataSource : public OTSyncControllerDataSource {
@@ -167,7 +175,6 @@ class OTSQLiteDataSource : public OTSyncControllerDataSource {
   class Statement;
   class Database;
   bool receive(const Ref<OTPathComponent>& component, std::span<const uint8_t> data);
-  struct Where;
   Database* database_;
   bool inTransaction_ = false;
 };

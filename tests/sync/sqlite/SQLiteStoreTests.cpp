@@ -55,6 +55,13 @@ std::vector<std::string> identifiers(const std::vector<Ref<OTPathComponent>>& co
   return text;
 }
 
+std::string hex(const Data& bytes) {
+  static const char* digits = "0123456789abcdef";
+  std::string text;
+  for (uint8_t byte : bytes) text += {digits[byte >> 4], digits[byte & 15]};
+  return text;
+}
+
 Ref<OTRange> randomRange(std::mt19937_64& rng, int depth = 0) {
   auto uniform = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
   if (depth < 2 && uniform(0, 2) == 0) {
@@ -75,9 +82,12 @@ TEST(SQLiteStore, AnswersAsTheMemoryStorageOnRandomHistories) {
   const uint64_t seed = 4242;
   std::mt19937_64 rng(seed);
   auto uniform = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+  const auto path = temporaryFile("random.sqlite");
   for (int run = 0; run < 40; ++run) {
-    auto sqlite = std::make_shared<Bare<OTSQLiteDataSource>>(":memory:");
-    auto memory = std::make_shared<Bare<MemoryStorage>>();
+    for (const char* suffix : {"", "-wal", "-shm"}) std::filesystem::remove(path.string() + suffix);
+    auto file = std::make_shared<MemoryFile>();
+    auto sqlite = std::make_shared<Bare<OTSQLiteDataSource>>(path.string());
+    auto memory = std::make_shared<Bare<MemoryStorage>>(file);
     OTSyncController controller(OTSyncControllerTypeServer);
     auto both = [&](auto change) { change(*sqlite), change(*memory); };
     auto identify = [&] {
@@ -144,6 +154,13 @@ TEST(SQLiteStore, AnswersAsTheMemoryStorageOnRandomHistories) {
           if (uniform(0, 5) == 0) {
             both([&](auto& s) { s.removeAllMetadataForOTSyncController(controller); });
             if (uniform(0, 1)) identify();
+          } else if (uniform(0, 2) == 0) {
+            // Closed and opened again; a transaction still open is cut off.
+            sqlite.reset();
+            memory.reset();
+            sqlite = std::make_shared<Bare<OTSQLiteDataSource>>(path.string());
+            memory = std::make_shared<Bare<MemoryStorage>>(file);
+            inTransaction = false;
           }
           break;
       }
@@ -168,6 +185,49 @@ TEST(SQLiteStore, AnswersAsTheMemoryStorageOnRandomHistories) {
     }
     if (inTransaction) both([&](auto& s) { s.endTransactionForOTSyncController(controller); });
   }
+}
+
+// A file of the earlier layout, with its unique index on identifiers and its
+// indexes on states, is brought up to date when it opens; a later layout is
+// refused.
+TEST(SQLiteStore, OpensFilesOfOtherLayouts) {
+  const auto path = temporaryFile("layout.sqlite");
+  OTSyncController controller(OTSyncControllerTypeClient);
+  const Data first = *component({0, 0}, {0, 1}, 1)->data();
+  const Data second = *component({0, 1}, {1, 1}, 2)->data();
+  {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+    const std::string sql =
+        "CREATE TABLE metadata(key TEXT PRIMARY KEY, value BLOB NOT NULL) WITHOUT ROWID;"
+        "CREATE TABLE host_values(key TEXT PRIMARY KEY, value BLOB NOT NULL) WITHOUT ROWID;"
+        "CREATE TABLE components(id INTEGER PRIMARY KEY, uid TEXT NOT NULL UNIQUE, from_s INTEGER NOT NULL,"
+        " from_c INTEGER NOT NULL, to_s INTEGER NOT NULL, to_c INTEGER NOT NULL, data BLOB NOT NULL,"
+        " pending INTEGER NOT NULL DEFAULT 0);"
+        "CREATE INDEX components_from_c ON components(from_c, from_s);"
+        "CREATE INDEX components_to ON components(to_c, to_s);"
+        "INSERT INTO components VALUES(4, 'SERVER-CLIENT-(0,0)->(0,1)', 0, 0, 0, 1, x'" + hex(first) + "', 1);"
+        "INSERT INTO components VALUES(9, 'SERVER-CLIENT-(0,1)->(1,1)', 0, 1, 1, 1, x'" + hex(second) + "', 0);";
+    ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+    sqlite3_close(db);
+  }
+  {
+    auto store = std::make_shared<Bare<OTSQLiteDataSource>>(path.string());
+    EXPECT_EQ(identifiers(store->OTSyncControllerPathComponentsInRange(controller, *OTRange::infiniteRange())),
+              identifiers({component({0, 0}, {0, 1}, 1), component({0, 1}, {1, 1}, 2)}));
+    ASSERT_EQ(store->pendingTransfers().size(), 1u);
+    EXPECT_EQ(store->pendingTransfers()[0].data, first);
+    EXPECT_EQ(store->stateWithLargestClientIndexPointedToByPathComponentWithLargestServerIndexForOTSyncController(controller),
+              OTState(1, 1));
+    // Stored again under the same identifier: replaced in place, not added.
+    store->OTSyncControllerRecordPathComponentEnqueueForTransfer(controller, component({0, 1}, {1, 1}, 3), false);
+    EXPECT_EQ(store->pathComponentCount(), 2u);
+  }
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db, "PRAGMA user_version = 99", nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_close(db);
+  EXPECT_THROW(Bare<OTSQLiteDataSource> refused(path.string()), OTSQLiteError);
 }
 
 TEST(SQLiteStore, KeepsValuesAndRefusesForeignComponents) {
