@@ -1,5 +1,7 @@
 #include "loomwork/sqlite/OTSQLiteDataSource.h"
 
+#include "sqlite/CoalescingVfs.h"
+
 #include <sqlite3.h>
 
 #include <algorithm>
@@ -64,6 +66,10 @@ struct Entry {
   std::string uid;
   OTState from, to;
   bool pending = false;
+  // The byte form of a queued component stored through this data source, kept
+  // until it is acknowledged (for a bounded number of components), so that
+  // sending it does not read the row back.
+  std::shared_ptr<const Data> bytes;
 };
 
 // The stored components' identifiers and states, indexed for the controller's
@@ -73,6 +79,7 @@ struct Entry {
 class Catalog {
  public:
   void clear() {
+    kept_ = 0;
     entries_.clear();
     byUid_.clear();
     byFromC_.clear();
@@ -85,6 +92,8 @@ class Catalog {
     const OTState from = entry.from;
     const OTState to = entry.to;
     if (entry.pending) pending_.insert(id);
+    if (entry.bytes && (!entry.pending || kept_ >= kKeptLimit)) entry.bytes = nullptr;
+    if (entry.bytes) ++kept_;
     byUid_.emplace(entry.uid, id);
     entries_.emplace(id, std::move(entry));
     byFromC_.emplace(from.clientIndex(), from.serverIndex(), id);
@@ -100,6 +109,7 @@ class Catalog {
     byFromS_.erase({entry.from.serverIndex(), entry.from.clientIndex(), id});
     byTo_.erase({entry.to.clientIndex(), entry.to.serverIndex(), id});
     pending_.erase(id);
+    if (entry.bytes) --kept_;
     if (auto named = byUid_.find(entry.uid); named != byUid_.end()) byUid_.erase(named);
     entries_.erase(it);
   }
@@ -120,7 +130,20 @@ class Catalog {
       pending_.insert(id);
     } else {
       pending_.erase(id);
+      keepBytes(it->second, nullptr);
     }
+  }
+  void keepBytes(Entry& entry, std::shared_ptr<const Data> bytes) {
+    if (entry.bytes) --kept_;
+    entry.bytes = nullptr;
+    if (bytes && entry.pending && kept_ < kKeptLimit) {
+      entry.bytes = std::move(bytes);
+      ++kept_;
+    }
+  }
+  Entry* find(int64_t id) {
+    auto it = entries_.find(id);
+    return it == entries_.end() ? nullptr : &it->second;
   }
   const std::set<int64_t>& pending() const { return pending_; }
   size_t size() const { return entries_.size(); }
@@ -186,6 +209,7 @@ class Catalog {
   using Key = std::tuple<int64_t, int64_t, int64_t>;  // (first index, second index, row id)
   static constexpr int64_t kSmallest = std::numeric_limits<int64_t>::min();
   static constexpr int64_t kLargest = std::numeric_limits<int64_t>::max();
+  static constexpr size_t kKeptLimit = 4096;
 
   // Adds to `ids` every component whose fromState lies in `range`, a superset
   // of those the range holds whole. False when the range's kind gives no
@@ -251,6 +275,7 @@ class Catalog {
   std::unordered_map<std::string, int64_t, Hash, std::equal_to<>> byUid_;
   std::set<Key> byFromC_, byFromS_, byTo_;
   std::set<int64_t> pending_;
+  size_t kept_ = 0;  // entries holding their bytes
 };
 
 }  // namespace
@@ -325,7 +350,7 @@ class OTSQLiteDataSource::Database {
  public:
   Database(const std::string& path, const OTSQLiteDataSource::Options& options) {
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
-    if (sqlite3_open_v2(path.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
+    if (sqlite3_open_v2(path.c_str(), &db_, flags, sqlite_detail::coalescingVfsName()) != SQLITE_OK) {
       std::string message = db_ ? sqlite3_errmsg(db_) : "out of memory";
       sqlite3_close_v2(db_);
       throw OTSQLiteError("OTSQLiteDataSource: cannot open " + path + ": " + message);
@@ -407,7 +432,7 @@ class OTSQLiteDataSource::Database {
     while (select.step())
       catalog_.add(select.integer(0),
                    Entry{std::string(select.text(1)), OTState(select.integer(2), select.integer(3)),
-                         OTState(select.integer(4), select.integer(5)), select.integer(6) != 0});
+                         OTState(select.integer(4), select.integer(5)), select.integer(6) != 0, nullptr});
   }
 
   Catalog& catalog() {
@@ -643,16 +668,18 @@ void OTSQLiteDataSource::OTSyncControllerRecordPathComponentEnqueueForTransfer(O
   const OTState& to = *component->toState();
   std::string uid = component->uniqueIdentifier();
   Catalog& catalog = database_->catalog();
+  auto shared = std::make_shared<const Data>(std::move(*bytes));
   if (const std::optional<int64_t> id = catalog.idOf(uid)) {
     // The same identifier names the same two states: only the bytes and the
     // queued mark can change.
     const bool pending = enqueueForTransfer || catalog.find(*id)->pending;
     database_->statement("UPDATE components SET data = ?, pending = ? WHERE id = ?")
-        .bind(*bytes)
+        .bind(*shared)
         .bind(int64_t{pending ? 1 : 0})
         .bind(*id)
         .run();
     catalog.setPending(*id, pending);
+    catalog.keepBytes(*catalog.find(*id), shared);
   } else {
     database_
         ->statement("INSERT INTO components(uid, from_s, from_c, to_s, to_c, data, pending) VALUES(?, ?, ?, ?, ?, ?, ?)")
@@ -661,10 +688,10 @@ void OTSQLiteDataSource::OTSyncControllerRecordPathComponentEnqueueForTransfer(O
         .bind(from.clientIndex())
         .bind(to.serverIndex())
         .bind(to.clientIndex())
-        .bind(*bytes)
+        .bind(*shared)
         .bind(int64_t{enqueueForTransfer ? 1 : 0})
         .run();
-    catalog.add(sqlite3_last_insert_rowid(database_->handle()), Entry{uid, from, to, enqueueForTransfer});
+    catalog.add(sqlite3_last_insert_rowid(database_->handle()), Entry{uid, from, to, enqueueForTransfer, shared});
   }
   database_->remember(uid, component->copy());
 }
@@ -786,6 +813,10 @@ std::vector<OTSQLiteDataSource::PendingTransfer> OTSQLiteDataSource::pendingTran
   Catalog& catalog = database_->catalog();
   pending.reserve(catalog.pending().size());
   for (int64_t id : catalog.pending()) {
+    if (const Entry* entry = catalog.find(id); entry && entry->bytes) {
+      pending.push_back({entry->uid, *entry->bytes});
+      continue;
+    }
     Statement& select = database_->statement("SELECT data FROM components WHERE id = ?");
     if (!select.bind(id).step()) continue;
     const auto bytes = select.blob(0);
@@ -843,7 +874,7 @@ bool OTSQLiteDataSource::receive(const Ref<OTPathComponent>& stored, std::span<c
       .bind(to.clientIndex())
       .bind(data)
       .run();
-  catalog.add(sqlite3_last_insert_rowid(database_->handle()), Entry{uid, from, to, false});
+  catalog.add(sqlite3_last_insert_rowid(database_->handle()), Entry{uid, from, to, false, nullptr});
   database_->remember(uid, stored);
   return true;
 }

@@ -308,12 +308,15 @@ TEST(SQLiteStore, CommittedTransactionsSurviveAKilledProcess) {
     controller->restoreInternalState();
     controller->resetIfNeededAndSeedUsingStateSpaceIdentifier(kIdentifier);
     execute(*store, "CREATE TABLE model(name TEXT)");
+    // Each transaction writes far more log than one write call carries.
     controller->performTransaction([&] {
+      store->setHostValueForKey(Value(std::string(400000, 'k')), "big");
       store->setHostValueForKey(Value("kept"), "e/1");
       execute(*store, "INSERT INTO model VALUES('kept')");
       controller->stageLocalOperation(*component({0, 0}, {0, 1}, 1)->operation());
     });
     controller->beginTransaction();
+    store->setHostValueForKey(Value(std::string(400000, 'l')), "big");
     store->setHostValueForKey(Value("lost"), "e/2");
     execute(*store, "INSERT INTO model VALUES('lost')");
     controller->stageLocalOperation(*component({0, 1}, {0, 2}, 2)->operation());
@@ -328,6 +331,7 @@ TEST(SQLiteStore, CommittedTransactionsSurviveAKilledProcess) {
   controller->restoreInternalState();
   EXPECT_EQ(controller->currentState(), OTState(0, 1));
   EXPECT_EQ(store->hostValueForKey("e/1"), Value("kept"));
+  EXPECT_EQ(store->hostValueForKey("big"), Value(std::string(400000, 'k')));
   EXPECT_FALSE(store->hostValueForKey("e/2"));
   EXPECT_EQ(store->pathComponentCount(), 1u);
   EXPECT_EQ(store->pendingTransfers().size(), 1u);
