@@ -198,23 +198,27 @@ struct Pair {
     for (int i = 0; i < 3; ++i) exchange();
   }
 
-  // Each side takes in what arrives, and its acknowledgements, as one storage
-  // transaction, then processes.
+  // Each side sends what it has; then each takes in what arrived (components,
+  // claims, and the acknowledgements of the previous exchange) and processes,
+  // as one storage transaction: a host that saves once per pass of its event
+  // loop. Its acknowledgements reach the other side at the next exchange.
   void exchange() {
+    std::vector<Message> messages[2];
+    for (int side : {0, 1}) messages[side] = hosts[side]->outgoing(*controllers[side], false, false);
     for (int side : {0, 1}) {
       const int other = 1 - side;
-      std::vector<Message> replies;
-      const auto messages = hosts[side]->outgoing(*controllers[side], false, false);
-      controllers[other]->performTransaction([&] {
-        for (const Message& message : messages)
-          if (auto reply = hosts[other]->receive(message)) replies.push_back(std::move(*reply));
-      });
+      std::vector<Message> arrived = std::move(replies[side]);
+      replies[side].clear();
+      arrived.insert(arrived.end(), messages[other].begin(), messages[other].end());
       controllers[side]->performTransaction([&] {
-        for (const Message& reply : replies) hosts[side]->receive(reply);
+        for (const Message& message : arrived)
+          if (auto reply = hosts[side]->receive(message)) replies[other].push_back(std::move(*reply));
+        hosts[side]->process(*controllers[side]);
       });
     }
-    for (int side : {0, 1}) hosts[side]->process(*controllers[side]);
   }
+
+  std::vector<Message> replies[2];  // on their way to each side
 };
 
 // With `grouped`, each side's 50 local transactions between two exchanges are
