@@ -12,7 +12,6 @@
 #include <string>
 #include <tuple>
 #include <unordered_map>
-#include <unordered_set>
 
 #include "loomwork/additions/PropertyListAdditions.h"
 #include "loomwork/platform/Log.h"
@@ -702,48 +701,47 @@ std::vector<Ref<OTPathComponent>> OTSQLiteDataSource::OTSyncControllerPathCompon
   const std::vector<int64_t> ids = catalog.inRange(range);
   std::vector<Ref<OTPathComponent>> components;
   components.reserve(ids.size());
-  std::vector<int64_t> unread;
-  for (int64_t id : ids) {
-    if (Ref<OTPathComponent> known = database_->known(catalog.find(id)->uid)) {
+  std::vector<size_t> unread;  // positions in `ids`, ascending as the ids
+  for (size_t i = 0; i < ids.size(); ++i) {
+    if (Ref<OTPathComponent> known = database_->known(catalog.find(ids[i])->uid)) {
       components.push_back(known->copy());
     } else {
       components.push_back(nullptr);
-      unread.push_back(id);
+      unread.push_back(i);
     }
   }
   if (!unread.empty()) {
-    // The rows not remembered are read by row id; when they are most of a
-    // stretch of rows, one pass over the stretch costs less than a search for
-    // each.
-    std::unordered_map<int64_t, Ref<OTPathComponent>> read;
-    auto take = [&](int64_t id, std::span<const uint8_t> bytes) {
+    auto take = [&](size_t at, std::span<const uint8_t> bytes) {
       Ref<OTPathComponent> component = OTPathComponent::initWithData(bytes);
       if (!component || !component->fromState() || !component->toState()) {
-        logMessage("OTSQLiteDataSource: skipped the stored path component " + catalog.find(id)->uid +
+        logMessage("OTSQLiteDataSource: skipped the stored path component " + catalog.find(ids[at])->uid +
                    ", which does not read");
         return;
       }
-      read.emplace(id, std::move(component));
+      components[at] = std::move(component);
     };
-    const int64_t first = unread.front(), last = unread.back();
+    // The rows not remembered are read by row id; when they are most of a
+    // stretch of rows, one pass over the stretch costs less than a search for
+    // each.
+    const int64_t first = ids[unread.front()], last = ids[unread.back()];
     if (static_cast<double>(unread.size()) * 4 >= static_cast<double>(last - first) + 1) {
-      std::unordered_set<int64_t> wanted(unread.begin(), unread.end());
       Statement& select = database_->statement("SELECT id, data FROM components WHERE id BETWEEN ? AND ?");
       select.bind(first).bind(last);
-      while (select.step())
-        if (wanted.contains(select.integer(0))) take(select.integer(0), select.blob(1));
+      size_t next = 0;
+      while (next < unread.size() && select.step()) {
+        const int64_t id = select.integer(0);
+        while (next < unread.size() && ids[unread[next]] < id) ++next;
+        if (next < unread.size() && ids[unread[next]] == id) take(unread[next++], select.blob(1));
+      }
+      select.reset();
     } else {
-      for (int64_t id : unread) {
+      for (size_t at : unread) {
         Statement& select = database_->statement("SELECT data FROM components WHERE id = ?");
-        if (select.bind(id).step()) {
-          take(id, select.blob(0));
+        if (select.bind(ids[at]).step()) {
+          take(at, select.blob(0));
           select.reset();
         }
       }
-    }
-    for (size_t i = 0; i < ids.size(); ++i) {
-      if (components[i]) continue;
-      if (auto it = read.find(ids[i]); it != read.end()) components[i] = std::move(it->second);
     }
     std::erase(components, nullptr);
   }
