@@ -439,6 +439,20 @@ class OTSQLiteDataSource::Database {
     return catalog_;
   }
 
+  // Stores a component new to the file and enters it in the catalog.
+  void insertComponent(Entry entry, std::span<const uint8_t> bytes) {
+    statement("INSERT INTO components(uid, from_s, from_c, to_s, to_c, data, pending) VALUES(?, ?, ?, ?, ?, ?, ?)")
+        .bind(entry.uid)
+        .bind(entry.from.serverIndex())
+        .bind(entry.from.clientIndex())
+        .bind(entry.to.serverIndex())
+        .bind(entry.to.clientIndex())
+        .bind(bytes)
+        .bind(int64_t{entry.pending ? 1 : 0})
+        .run();
+    catalog_.add(sqlite3_last_insert_rowid(db_), std::move(entry));
+  }
+
   void execute(const char* sql) {
     char* error = nullptr;
     if (sqlite3_exec(db_, sql, nullptr, nullptr, &error) != SQLITE_OK) {
@@ -680,17 +694,7 @@ void OTSQLiteDataSource::OTSyncControllerRecordPathComponentEnqueueForTransfer(O
     catalog.setPending(*id, pending);
     catalog.keepBytes(*catalog.find(*id), shared);
   } else {
-    database_
-        ->statement("INSERT INTO components(uid, from_s, from_c, to_s, to_c, data, pending) VALUES(?, ?, ?, ?, ?, ?, ?)")
-        .bind(uid)
-        .bind(from.serverIndex())
-        .bind(from.clientIndex())
-        .bind(to.serverIndex())
-        .bind(to.clientIndex())
-        .bind(*shared)
-        .bind(int64_t{enqueueForTransfer ? 1 : 0})
-        .run();
-    catalog.add(sqlite3_last_insert_rowid(database_->handle()), Entry{uid, from, to, enqueueForTransfer, shared});
+    database_->insertComponent(Entry{uid, from, to, enqueueForTransfer, shared}, *shared);
   }
   database_->remember(uid, component->copy());
 }
@@ -863,16 +867,7 @@ bool OTSQLiteDataSource::receive(const Ref<OTPathComponent>& stored, std::span<c
     if (!bytes) return false;
     data = *bytes;
   }
-  database_
-      ->statement("INSERT INTO components(uid, from_s, from_c, to_s, to_c, data, pending) VALUES(?, ?, ?, ?, ?, ?, 0)")
-      .bind(uid)
-      .bind(from.serverIndex())
-      .bind(from.clientIndex())
-      .bind(to.serverIndex())
-      .bind(to.clientIndex())
-      .bind(data)
-      .run();
-  catalog.add(sqlite3_last_insert_rowid(database_->handle()), Entry{uid, from, to, false, nullptr});
+  database_->insertComponent(Entry{uid, from, to, false, nullptr}, data);
   database_->remember(uid, stored);
   return true;
 }
